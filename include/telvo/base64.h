@@ -1,0 +1,40 @@
+// Base64 (RFC 4648 standard alphabet, "=" padding), tolerant when decoding.
+//
+// Encoding can wrap lines with CR LF; decoding skips every character outside
+// the alphabet (padding, white space, "-" and "_" included) and never fails on
+// them. Empty results are reported as nothing. Pure functions; any thread.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "telvo/types.h"
+
+namespace telvo {
+
+// Encodes `bytes`. `wrapWidth` is rounded down to a multiple of 4; below 4 the
+// output is one line, otherwise lines of exactly that many characters joined by
+// CR LF (a separator is only ever written after a complete 3-byte group).
+// Nothing for an empty input.
+std::optional<std::string> base64EncodedStringWithWrapWidth(const Bytes& bytes, std::size_t wrapWidth);
+std::optional<std::string> base64EncodedStringWithWrapWidth(const std::uint8_t* bytes, std::size_t length,
+                                                            std::size_t wrapWidth);
+// Same, unwrapped.
+std::optional<std::string> base64EncodedString(const Bytes& bytes);
+
+// Decodes `text`, skipping every non-alphabet character and using only the low
+// seven bits of each byte. Nothing when no byte results.
+std::optional<Bytes> dataWithBase64EncodedString(std::string_view text);
+
+// Text forms: the text's UTF-8 bytes are encoded (invalid UTF-8 sequences are
+// replaced by U+FFFD first); decoding yields nothing where the decoded bytes
+// are not valid UTF-8.
+std::optional<std::string> stringWithBase64EncodedString(std::string_view text);
+std::optional<std::string> base64EncodedStringWithWrapWidth(std::string_view text, std::size_t wrapWidth);
+std::optional<std::string> base64EncodedString(std::string_view text);
+std::optional<std::string> base64DecodedString(std::string_view text);
+std::optional<Bytes> base64DecodedData(std::string_view text);
+
+}  // namespace telvo

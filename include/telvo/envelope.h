@@ -1,0 +1,40 @@
+// The request body envelope: "telvoJson=" + JSON text, compressed as a zlib
+// stream, written as unwrapped Base64, as bytes. Every hello, batch post and
+// error post carries it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "telvo/types.h"
+
+namespace telvo {
+
+// The body for `json` (sent as it stands, not escaped). Nothing when a layer
+// fails; the caller then sends the request without a body.
+std::optional<Bytes> buildTelvoJsonParameter(std::string_view json);
+
+// The request conventions shared by every post.
+inline constexpr const char* kEnvelopeContentType = "application/x-gzip";
+inline constexpr const char* kEnvelopeContentEncoding = "gzip";
+inline constexpr int kRequestCachePolicy = 4;  // reload, ignoring local and remote cache data
+inline constexpr double kRequestTimeout = 30.0;  // seconds
+
+}  // namespace telvo
+
+namespace telvo {
+
+// The reverse, for receivers and tools: Base64-decode, inflate, strip the
+// "telvoJson=" prefix, parse. `failure` names the first layer that failed.
+struct DecodedEnvelope {
+  enum class Failure { kNone, kBase64, kZlib, kUtf8, kPrefix, kJson };
+  Failure failure = Failure::kNone;
+  std::string message;  // one line saying what failed, empty on success
+  std::string json;     // the JSON text after the prefix (when the prefix was found)
+  Json document;        // the parsed document (when failure is kNone)
+  bool ok() const { return failure == Failure::kNone; }
+};
+DecodedEnvelope decodeTelvoJsonParameter(std::string_view body);
+
+}  // namespace telvo

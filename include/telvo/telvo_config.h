@@ -1,0 +1,91 @@
+// TelvoConfig: how the host application describes itself to the library.
+//
+// A plain record: the host builds it field by field or from a settings
+// dictionary, hands it to Telvo::create, and the client keeps it for its whole
+// life (setting configURL on it once). Setters replace the stored value;
+// nothing is validated or copied. Not synchronised: fill it in before handing
+// it to a client.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "telvo/types.h"
+#include "telvo/url.h"
+
+namespace telvo {
+
+// Default base of the configuration location (an HTTPS location whose path is
+// "/mdrv/telvo/config/"). The host may reassign it before making configurations.
+extern std::string TelvoConfigBaseURL;
+// Name of the configuration document in each site's folder: "telvoanalytics.json".
+extern std::string TelvoConfigFile;
+// 1.0
+extern const double TelvoVersionNumber;
+// "@(#)PROGRAM:Telvo  PROJECT:Telvo-1" followed by a line feed.
+extern const unsigned char TelvoVersionString[];
+
+class TelvoConfig {
+ public:
+  // Every property unset, batchDisabled false.
+  TelvoConfig() = default;
+  // Stores the six arguments unchanged (absent stays absent; no default base,
+  // no lookup of the platform version).
+  TelvoConfig(std::optional<std::string> platform, std::optional<std::string> platformVersion,
+              std::optional<std::string> site, std::optional<std::string> appVersion,
+              std::optional<std::string> appName, std::optional<std::string> configBaseURL);
+
+  // Builds a record from the host's settings: "platform", "site",
+  // "appVersion" and "appName" are required (any non-absent value counts,
+  // including "" and null); "configBaseUrl" falls back to TelvoConfigBaseURL;
+  // "highPriorityEvents" is a comma-separated text (blanks removed). The
+  // platform version always comes from the device. A missing required key
+  // writes "TELVO INIT ERROR: TelvoConfig is missing value for \"<key>\"" to
+  // the log (only the first one) and gives nothing. A value of the wrong type
+  // (or a dictionary that is not an object) throws UsageError.
+  static std::shared_ptr<TelvoConfig> telvoConfigWithDictionary(const Json& dictionary);
+
+  // "TelvoConfig: <address>\nSite: ...\nConfig Base URL: ...\nApp Name: ...\n
+  // App Version: ...\nPlatform: ...\nPlatform Version:..." with "(null)" for
+  // unset values.
+  std::string description() const;
+
+  // The six identity fields as compact JSON. Throws UsageError when one is unset.
+  std::optional<std::string> JSONString() const;
+
+  const std::optional<std::string>& site() const { return _site; }
+  void setSite(std::optional<std::string> value) { _site = std::move(value); }
+  const std::optional<std::string>& configBaseUrl() const { return _configBaseUrl; }
+  void setConfigBaseUrl(std::optional<std::string> value) { _configBaseUrl = std::move(value); }
+  const std::optional<std::string>& appName() const { return _appName; }
+  void setAppName(std::optional<std::string> value) { _appName = std::move(value); }
+  const std::optional<std::string>& appVersion() const { return _appVersion; }
+  void setAppVersion(std::optional<std::string> value) { _appVersion = std::move(value); }
+  const std::optional<std::string>& platform() const { return _platform; }
+  void setPlatform(std::optional<std::string> value) { _platform = std::move(value); }
+  const std::optional<std::string>& platformVersion() const { return _platformVersion; }
+  void setPlatformVersion(std::optional<std::string> value) { _platformVersion = std::move(value); }
+  bool batchDisabled() const { return _batchDisabled; }
+  void setBatchDisabled(bool value) { _batchDisabled = value; }
+  const std::optional<URL>& configURL() const { return _configURL; }
+  void setConfigURL(std::optional<URL> value) { _configURL = std::move(value); }
+  const std::optional<std::vector<std::string>>& highPriorityEvents() const { return _highPriorityEvents; }
+  void setHighPriorityEvents(std::optional<std::vector<std::string>> value) {
+    _highPriorityEvents = std::move(value);
+  }
+
+ private:
+  std::optional<std::string> _site;
+  std::optional<std::string> _configBaseUrl;
+  std::optional<std::string> _appName;
+  std::optional<std::string> _appVersion;
+  std::optional<std::string> _platform;
+  std::optional<std::string> _platformVersion;
+  bool _batchDisabled = false;
+  std::optional<URL> _configURL;
+  std::optional<std::vector<std::string>> _highPriorityEvents;
+};
+
+}  // namespace telvo

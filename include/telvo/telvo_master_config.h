@@ -1,0 +1,70 @@
+// TelvoMasterConfig: the server-side settings that steer a client, read from
+// the configuration document's "default" section with the client's
+// environment section laid over it. Read-only for users; immutable once made,
+// so it may be read from any thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "telvo/types.h"
+
+namespace telvo {
+
+class TelvoMasterConfig {
+ public:
+  // Reads `document` ("default" section, then the overlay of `environment`
+  // by property name). Nothing as document reads as an empty one. Missing keys
+  // take their defaults. Throws UsageError (naming the key and the section) for
+  // an unknown property name in an environment section, a null for an integer
+  // or truth value, and a value of a type that cannot be read as the setting.
+  static std::shared_ptr<TelvoMasterConfig> configFromDictionary(const std::optional<Json>& document,
+                                                                 const std::optional<std::string>& environment);
+
+  // The multi-line description (no adProgressInterval, no messageExcludes).
+  std::string description() const;
+
+  std::int32_t batchMode() const { return _batchMode; }  // 0 timer batching, 1 count batching
+  std::int64_t batchAmount() const { return _batchAmount; }  // events in count mode, seconds in timer mode
+  const std::optional<std::string>& servicesUrl() const { return _servicesUrl; }
+  bool enabled() const { return _enabled; }
+  const std::optional<std::string>& batchApi() const { return _batchApi; }
+  const std::optional<std::string>& helloApi() const { return _helloApi; }
+  const std::optional<std::string>& batchContentEncoding() const { return _batchContentEncoding; }
+  std::int64_t helloRetryCount() const { return _helloRetryCount; }
+  std::int64_t helloRetryTime() const { return _helloRetryTime; }
+  const std::optional<std::string>& messageExcludes() const { return _messageExcludes; }
+  const std::optional<std::string>& transportFormats() const { return _transportFormats; }
+  std::int64_t qosUpdateInterval() const { return _qosUpdateInterval; }
+  std::int64_t qosReportInterval() const { return _qosReportInterval; }
+  std::int64_t progressReportInterval() const { return _progressReportInterval; }
+  std::int64_t adProgressInterval() const { return _adProgressInterval; }
+  bool telvoUserIdEnabled() const { return _telvoUserIdEnabled; }
+  const std::optional<std::string>& telvoUserIdHash() const { return _telvoUserIdHash; }
+
+ private:
+  TelvoMasterConfig() = default;
+  friend struct MasterConfigReader;  // the document reader (implementation detail)
+
+  std::int32_t _batchMode = 0;
+  std::int64_t _batchAmount = 0;
+  std::optional<std::string> _servicesUrl;
+  bool _enabled = false;
+  std::optional<std::string> _batchApi;
+  std::optional<std::string> _helloApi;
+  std::optional<std::string> _batchContentEncoding;
+  std::int64_t _helloRetryCount = 0;
+  std::int64_t _helloRetryTime = 0;
+  std::optional<std::string> _messageExcludes;
+  std::optional<std::string> _transportFormats;
+  std::int64_t _qosUpdateInterval = 0;
+  std::int64_t _qosReportInterval = 0;
+  std::int64_t _progressReportInterval = 0;
+  std::int64_t _adProgressInterval = 0;
+  bool _telvoUserIdEnabled = false;
+  std::optional<std::string> _telvoUserIdHash;
+};
+
+}  // namespace telvo

@@ -1,0 +1,85 @@
+// TelvoTransport: the one object through which the library talks HTTP.
+//
+// Callers build a complete URLRequest and hand it over with an integer context
+// and a delegate. For each request exactly one completion runs, on the
+// transport's own thread: on a transfer error the delegate hears
+// didFailWithError (only if it implements it) and nothing else; otherwise the
+// last Set-Cookie is kept in user defaults under "telvoUUIDCookie", a callback
+// wrapper is stripped from the body, the body is parsed as JSON (object or
+// array at the top) and the result goes to requestDidReceiveResult - or, when
+// it does not parse, to didFailWithError if implemented, else
+// requestDidReceiveResult with nothing. The HTTP status is never examined.
+// The delegate is held strongly until its completion has run.
+//
+// Thread safety: every member function may be called from any thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "telvo/types.h"
+#include "telvo/url_request.h"
+
+namespace telvo {
+
+// The user-defaults key of the service's cookie.
+inline constexpr const char* TelvoUUIDCookieKey = "telvoUUIDCookie";
+
+class TelvoTransportDelegate {
+ public:
+  virtual ~TelvoTransportDelegate() = default;
+  // The response was received and handed to the JSON parser. `result` is the
+  // parsed value, or nothing where it did not parse.
+  virtual void requestDidReceiveResult(const URLRequest& request, const std::optional<Json>& result,
+                                       std::int32_t context) = 0;
+  // Optional: a delegate that wants failures overrides both of these.
+  virtual bool respondsToDidFailWithError() const { return false; }
+  virtual void didFailWithError(const Error& error) { (void)error; }
+};
+
+class TelvoTransport {
+ public:
+  // Settings of the libcurl transport; take effect for transports made after
+  // they are set (so set them before the first sharedTransport()).
+  struct Options {
+    std::string caFile;        // PEM bundle to trust instead of the system store
+    std::string caPath;        // folder of hashed certificates
+    std::string proxy;         // e.g. "http://proxy:3128"; empty: libcurl's default
+    double connectTimeout = 0;  // seconds; 0: libcurl's default
+  };
+  static void setOptions(Options options);
+  static Options options();
+
+  // The process-wide transport: a libcurl transport, made on first use.
+  static std::shared_ptr<TelvoTransport> sharedTransport();
+  // Replaces it (tests, hosts with their own HTTP stack). Before clients exist.
+  static void setSharedTransport(std::shared_ptr<TelvoTransport> transport);
+  // A new, independent libcurl transport with its own thread and connections.
+  static std::shared_ptr<TelvoTransport> makeCurlTransport(Options options);
+
+  virtual ~TelvoTransport() = default;
+
+  // Starts the request and returns at once.
+  virtual void sendRequest(URLRequest request, std::int32_t context,
+                           std::shared_ptr<TelvoTransportDelegate> delegate) = 0;
+
+  // Waits until no request is in flight, at most `timeout` seconds. True when idle.
+  virtual bool waitUntilIdle(double timeout) = 0;
+
+  // The body with a callback wrapper (name "(" JSON ");") removed: everything
+  // after the first "(" up to the last ");". A body with "(" but no ");"
+  // comes back unchanged.
+  Bytes dataWithStrippedJSONCallback(const Bytes& body) const;
+
+ protected:
+  // The completion of one request: everything after the transfer (error
+  // first; then cookie keeping; then strip; then parse; then delivery).
+  // Implementations call it exactly once per request.
+  void complete(const URLRequest& request, std::int32_t context,
+                const std::shared_ptr<TelvoTransportDelegate>& delegate, const std::optional<Error>& error,
+                const HTTPHeaderFields& responseHeaders, const Bytes& body) const;
+};
+
+}  // namespace telvo

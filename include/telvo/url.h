@@ -1,0 +1,50 @@
+// URL values and the URL helpers.
+//
+// A telvo::URL is a URL that libcurl's URL API (curl_url) has accepted; it is
+// kept in the normalised text form that curl_url gives back. Cheap to copy.
+// All functions here are pure and safe to call from any thread.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace telvo {
+
+class URL {
+ public:
+  // Parses `text` as an absolute URL with a scheme (no base URL, no guessing of
+  // a scheme, no further escaping). Nothing where libcurl refuses it.
+  static std::optional<URL> fromString(const std::string& text);
+
+  // The URL as text (normalised by libcurl).
+  const std::string& absoluteString() const { return text_; }
+  std::string scheme() const;
+  std::string host() const;
+  // Port as written, or the scheme's default (443 for https, 80 for http).
+  int port() const;
+  // Path, "/" when the URL has none.
+  std::string path() const;
+  // Query without the "?", empty when none.
+  std::string query() const;
+
+  friend bool operator==(const URL& a, const URL& b) { return a.text_ == b.text_; }
+  friend bool operator!=(const URL& a, const URL& b) { return !(a == b); }
+
+ private:
+  explicit URL(std::string text) : text_(std::move(text)) {}
+  std::string text_;
+};
+
+// Turns a URL string built by the library into a URL, upgrading a leading
+// "http://" (case-sensitive prefix test) to "https://". Only the first 13
+// characters are searched, so an "http://" later in the text is never touched.
+// Nothing where the (possibly rewritten) text is not a URL.
+std::optional<URL> URLWithURLStringConversion(const std::string& text);
+
+// Percent-encodes `text` for use inside a query or form value: every byte
+// that is not legal in a URL (space, controls, non-ASCII as UTF-8 %XX) plus
+// the 19 characters !*'();:@&=+$,/?%#[] are escaped as %XX (upper-case hex);
+// letters, digits and - _ . ~ pass unchanged.
+std::string urlEncode(const std::string& text);
+
+}  // namespace telvo
