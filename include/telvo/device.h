@@ -9,6 +9,8 @@
 
 namespace telvo {
 
+class UserDefaults;
+
 class Device {
  public:
   // The process-wide device (replaceable before clients are created).
@@ -29,10 +31,13 @@ class Device {
 // The running system, with host overrides. Version from /etc/os-release
 // VERSION_ID, else the leading numbers of the kernel release; machine from
 // uname; model "Linux" unless set; vendor identifier made once at random and
-// kept in the standard user defaults under "telvoDeviceIdentifier".
+// kept in the standard user defaults under "telvoDeviceIdentifier" (read, and
+// made if missing, on the first call to identifierForVendor).
 class SystemDevice : public Device {
  public:
   SystemDevice();
+  // Keeps the vendor identifier in `defaults` instead of the standard store.
+  explicit SystemDevice(std::shared_ptr<UserDefaults> defaults);
   ~SystemDevice() override;
 
   std::string systemVersion() const override;
@@ -40,7 +45,8 @@ class SystemDevice : public Device {
   std::string model() const override;
   std::string identifierForVendor() const override;
 
-  // Host overrides; an empty optional goes back to the system's value.
+  // Host overrides; an empty optional goes back to the system's value. An
+  // overriding vendor identifier is reported as given and is not stored.
   void setSystemVersion(std::optional<std::string> value);
   void setMachine(std::optional<std::string> value);
   void setModel(std::optional<std::string> value);
