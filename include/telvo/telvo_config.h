@@ -39,12 +39,20 @@ class TelvoConfig {
 
   // Builds a record from the host's settings: "platform", "site",
   // "appVersion" and "appName" are required (any non-absent value counts,
-  // including "" and null); "configBaseUrl" falls back to TelvoConfigBaseURL;
-  // "highPriorityEvents" is a comma-separated text (blanks removed). The
-  // platform version always comes from the device. A missing required key
-  // writes "TELVO INIT ERROR: TelvoConfig is missing value for \"<key>\"" to
-  // the log (only the first one) and gives nothing. A value of the wrong type
-  // (or a dictionary that is not an object) throws UsageError.
+  // including "" and null); "configBaseUrl" falls back to TelvoConfigBaseURL
+  // as it stands at the call; "highPriorityEvents" is a comma-separated text
+  // (every U+0020 blank removed, then split at each "," with empty names
+  // kept; a text without a comma is a one-name list). The platform version
+  // always comes from Device::currentDevice(), never from the settings.
+  //
+  // A missing required key writes "TELVO INIT ERROR: TelvoConfig is missing
+  // value for \"<key>\"" to the log, whatever any debug setting, and gives
+  // nothing; only the first missing key (in the order platform, site,
+  // appVersion, appName) is reported. A JSON null for a text setting counts
+  // as present and is stored as unset. Throws UsageError, naming the key, for
+  // a value that is neither text nor null (and for a null
+  // "highPriorityEvents"), and for settings that are neither an object nor
+  // null; null settings read as an empty object.
   static std::shared_ptr<TelvoConfig> telvoConfigWithDictionary(const Json& dictionary);
 
   // "TelvoConfig: <address>\nSite: ...\nConfig Base URL: ...\nApp Name: ...\n
@@ -52,7 +60,9 @@ class TelvoConfig {
   // unset values.
   std::string description() const;
 
-  // The six identity fields as compact JSON. Throws UsageError when one is unset.
+  // The six identity fields (site, configBaseUrl, appName, appVersion,
+  // platform, platformVersion) as one line of compact JSON; nothing when a
+  // value is not valid UTF-8. Throws UsageError when one of them is unset.
   std::optional<std::string> JSONString() const;
 
   const std::optional<std::string>& site() const { return _site; }
@@ -71,7 +81,9 @@ class TelvoConfig {
   void setBatchDisabled(bool value) { _batchDisabled = value; }
   const std::optional<URL>& configURL() const { return _configURL; }
   void setConfigURL(std::optional<URL> value) { _configURL = std::move(value); }
-  const std::optional<std::vector<std::string>>& highPriorityEvents() const { return _highPriorityEvents; }
+  const std::optional<std::vector<std::string>>& highPriorityEvents() const {
+    return _highPriorityEvents;
+  }
   void setHighPriorityEvents(std::optional<std::vector<std::string>> value) {
     _highPriorityEvents = std::move(value);
   }

@@ -1,0 +1,263 @@
+#include "master_config_reader.h"
+
+#include <cmath>
+#include <limits>
+#include <type_traits>
+#include <variant>
+
+namespace telvo {
+
+namespace {
+
+const char kDefaultSection[] = "default";
+const char kDefaultUserIdHash[] = "517telvoUID517";
+
+// Identifies a value in error messages: its key and the section holding it.
+struct Origin {
+  const std::string& key;
+  const std::string& section;
+};
+
+[[noreturn]] void fail(const Origin& origin, const std::string& problem) {
+  throw UsageError("TelvoMasterConfig: \"" + origin.key + "\" in section \"" + origin.section +
+                   "\" " + problem);
+}
+
+[[noreturn]] void failType(const Origin& origin, const Json& value, const char* expected) {
+  fail(origin, std::string("is ") + (value.is_null() ? "null" : value.type_name()) + ", " +
+                   expected + " expected");
+}
+
+bool isWhiteSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Leading white space, an optional sign, then decimal digits up to the first
+// other character; no digits gives 0. Out-of-range values saturate, as the
+// platform's text scanning does.
+std::int64_t integerFromText(const std::string& text) {
+  std::size_t i = 0;
+  while (i < text.size() && isWhiteSpace(text[i])) ++i;
+  bool negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
+  const std::uint64_t limit =
+      negative ? std::uint64_t{1} << 63 : std::uint64_t(std::numeric_limits<std::int64_t>::max());
+  std::uint64_t magnitude = 0;
+  for (; i < text.size() && isDigit(text[i]); ++i) {
+    const auto digit = static_cast<std::uint64_t>(text[i] - '0');
+    magnitude = magnitude > (limit - digit) / 10 ? limit : magnitude * 10 + digit;
+  }
+  if (!negative) return static_cast<std::int64_t>(magnitude);
+  return magnitude == limit ? std::numeric_limits<std::int64_t>::min()
+                            : -static_cast<std::int64_t>(magnitude);
+}
+
+// The integer part of a JSON number, saturated to the 64-bit range.
+std::int64_t integerFromNumber(const Json& value) {
+  constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
+  if (value.is_number_unsigned()) {
+    const auto n = value.get<std::uint64_t>();
+    return n > std::uint64_t(kMax) ? kMax : static_cast<std::int64_t>(n);
+  }
+  if (value.is_number_integer()) return value.get<std::int64_t>();
+  const double d = value.get<double>();
+  if (std::isnan(d)) return 0;
+  if (d >= 9223372036854775808.0) return kMax;
+  if (d <= -9223372036854775808.0) return kMin;
+  return static_cast<std::int64_t>(d);  // truncates toward zero
+}
+
+// After leading white space and an optional sign followed by zeros, the text
+// begins with Y, y, T, t or a digit 1 to 9.
+bool truthFromText(const std::string& text) {
+  std::size_t i = 0;
+  while (i < text.size() && isWhiteSpace(text[i])) ++i;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
+  while (i < text.size() && text[i] == '0') ++i;
+  if (i == text.size()) return false;
+  const char c = text[i];
+  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
+// JSON booleans are numbers to the reader (true is 1), as they are to the
+// document's producers.
+std::int64_t readInteger(const Json& value, const Origin& origin) {
+  if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
+  if (value.is_number()) return integerFromNumber(value);
+  if (value.is_string()) return integerFromText(value.get_ref<const std::string&>());
+  failType(origin, value, "an integer");
+}
+
+std::int32_t readInt32(const Json& value, const Origin& origin) {
+  const std::int64_t n = readInteger(value, origin);
+  if (n > std::numeric_limits<std::int32_t>::max()) return std::numeric_limits<std::int32_t>::max();
+  if (n < std::numeric_limits<std::int32_t>::min()) return std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(n);
+}
+
+bool readTruth(const Json& value, const Origin& origin) {
+  if (value.is_boolean()) return value.get<bool>();
+  if (value.is_number_float()) return value.get<double>() != 0.0;
+  if (value.is_number()) return integerFromNumber(value) != 0;
+  if (value.is_string()) return truthFromText(value.get_ref<const std::string&>());
+  failType(origin, value, "a truth value");
+}
+
+// A null text setting holds no text and is stored as unset.
+std::optional<std::string> readText(const Json& value, const Origin& origin) {
+  if (value.is_string()) return value.get<std::string>();
+  if (value.is_null()) return std::nullopt;
+  failType(origin, value, "text");
+}
+
+const std::string& requireText(const Json& value, const Origin& origin) {
+  if (!value.is_string()) failType(origin, value, "text");
+  return value.get_ref<const std::string&>();
+}
+
+std::string toLower(std::string text) {
+  for (char& c : text) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return text;
+}
+
+// A section must be an object; the document's producer made a mistake otherwise.
+const Json* sectionOf(const Json& document, const std::string& name) {
+  auto it = document.find(name);
+  if (it == document.end()) return nullptr;
+  if (!it->is_object()) {
+    throw UsageError("TelvoMasterConfig: section \"" + name + "\" is " +
+                     (it->is_null() ? "null" : it->type_name()) + ", an object expected");
+  }
+  return &*it;
+}
+
+template <class... Fs>
+struct Overloaded : Fs... {
+  using Fs::operator()...;
+};
+template <class... Fs>
+Overloaded(Fs...) -> Overloaded<Fs...>;
+
+}  // namespace
+
+std::shared_ptr<TelvoMasterConfig> MasterConfigReader::read(
+    const std::optional<Json>& document, const std::optional<std::string>& environment) {
+  std::shared_ptr<TelvoMasterConfig> config(new TelvoMasterConfig());
+  // Anything but an object (nothing, null, an array...) has no sections.
+  const bool hasSections = document && document->is_object();
+  readDefaultSection(*config, hasSections ? sectionOf(*document, kDefaultSection) : nullptr);
+
+  if (hasSections && environment && *environment != kDefaultSection) {
+    if (const Json* overlay = sectionOf(*document, *environment)) {
+      for (const auto& [key, value] : overlay->items()) {
+        setValueForKey(*config, key, value, *environment);
+      }
+    }
+  }
+  return config;
+}
+
+void MasterConfigReader::readDefaultSection(TelvoMasterConfig& config, const Json* section) {
+  const std::string sectionName = kDefaultSection;
+  // Each setting is read in its turn, so the first bad value is the one reported.
+  auto each = [&](const char* key, auto&& store) {
+    if (!section) return;
+    auto it = section->find(key);
+    if (it == section->end()) return;
+    const std::string keyName = key;
+    store(*it, Origin{keyName, sectionName});
+  };
+  auto integer = [&](const char* key, std::int64_t& field) {
+    each(key, [&](const Json& v, const Origin& o) { field = readInteger(v, o); });
+  };
+  auto text = [&](const char* key, std::optional<std::string>& field) {
+    each(key, [&](const Json& v, const Origin& o) { field = readText(v, o); });
+  };
+
+  // Only the exact word selects timer batching; anything else, or nothing, counts.
+  config._batchMode = 1;
+  each("batchMode", [&](const Json& v, const Origin& o) {
+    config._batchMode = requireText(v, o) == "timer" ? 0 : 1;
+  });
+  integer("batchModeAmount", config._batchAmount);
+  text("servicesUrl", config._servicesUrl);
+  each("enabled", [&](const Json& v, const Origin& o) { config._enabled = readTruth(v, o); });
+  text("batchApi", config._batchApi);
+  text("helloApi", config._helloApi);
+  text("batchContentEncoding", config._batchContentEncoding);
+  integer("helloRetryCount", config._helloRetryCount);
+  integer("helloRetryTime", config._helloRetryTime);
+  text("transportFormats", config._transportFormats);
+  integer("qosUpdateInterval", config._qosUpdateInterval);
+  integer("qosReportInterval", config._qosReportInterval);
+  integer("progressReportInterval", config._progressReportInterval);
+  integer("adProgressInterval", config._adProgressInterval);
+  // "messageExcludes" is deliberately not read here: only an environment sets it.
+
+  // Any text that mentions "false" (in any case) disables the identifier;
+  // every other text, including "no" and "", leaves it on.
+  config._telvoUserIdEnabled = true;
+  each("telvoUserIdEnabled", [&](const Json& v, const Origin& o) {
+    config._telvoUserIdEnabled = toLower(requireText(v, o)).find("false") == std::string::npos;
+  });
+
+  bool hashGiven = false;
+  each("telvoUserIdHash", [&](const Json& v, const Origin& o) {
+    config._telvoUserIdHash = readText(v, o);
+    hashGiven = true;
+  });
+  if (config._telvoUserIdEnabled && !hashGiven) config._telvoUserIdHash = kDefaultUserIdHash;
+}
+
+void MasterConfigReader::setValueForKey(TelvoMasterConfig& config, const std::string& name,
+                                        const Json& value, const std::string& section) {
+  using C = TelvoMasterConfig;
+  using Store = std::variant<std::int32_t C::*, std::int64_t C::*, bool C::*,
+                             std::optional<std::string> C::*>;
+  struct Property {
+    const char* name;
+    Store store;
+  };
+  // Environment sections name properties, not document keys ("batchAmount",
+  // not "batchModeAmount"); "batchMode" is a number here, not the "timer" word.
+  static const Property kProperties[] = {
+      {"batchMode", &C::_batchMode},
+      {"batchAmount", &C::_batchAmount},
+      {"servicesUrl", &C::_servicesUrl},
+      {"enabled", &C::_enabled},
+      {"batchApi", &C::_batchApi},
+      {"helloApi", &C::_helloApi},
+      {"batchContentEncoding", &C::_batchContentEncoding},
+      {"helloRetryCount", &C::_helloRetryCount},
+      {"helloRetryTime", &C::_helloRetryTime},
+      {"messageExcludes", &C::_messageExcludes},
+      {"transportFormats", &C::_transportFormats},
+      {"qosUpdateInterval", &C::_qosUpdateInterval},
+      {"qosReportInterval", &C::_qosReportInterval},
+      {"progressReportInterval", &C::_progressReportInterval},
+      {"adProgressInterval", &C::_adProgressInterval},
+      {"telvoUserIdEnabled", &C::_telvoUserIdEnabled},
+      {"telvoUserIdHash", &C::_telvoUserIdHash},
+  };
+  const Origin origin{name, section};
+  for (const Property& property : kProperties) {
+    if (name != property.name) continue;
+    std::visit(
+        Overloaded{
+            [&](std::int32_t C::*field) { config.*field = readInt32(value, origin); },
+            [&](std::int64_t C::*field) { config.*field = readInteger(value, origin); },
+            [&](bool C::*field) { config.*field = readTruth(value, origin); },
+            [&](std::optional<std::string> C::*field) { config.*field = readText(value, origin); },
+        },
+        property.store);
+    return;
+  }
+  fail(origin, "is not a TelvoMasterConfig property");
+}
+
+}  // namespace telvo
