@@ -18,7 +18,7 @@ std::optional<Bytes> buildTelvoJsonParameter(std::string_view json);
 // The request conventions shared by every post.
 inline constexpr const char* kEnvelopeContentType = "application/x-gzip";
 inline constexpr const char* kEnvelopeContentEncoding = "gzip";
-inline constexpr int kRequestCachePolicy = 4;  // reload, ignoring local and remote cache data
+inline constexpr int kRequestCachePolicy = 4;    // reload, ignoring local and remote cache data
 inline constexpr double kRequestTimeout = 30.0;  // seconds
 
 }  // namespace telvo

@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace telvo {
 
@@ -18,21 +19,30 @@ class URL {
 
   // The URL as text (normalised by libcurl).
   const std::string& absoluteString() const { return text_; }
-  std::string scheme() const;
-  std::string host() const;
-  // Port as written, or the scheme's default (443 for https, 80 for http).
-  int port() const;
+  // Scheme in lower case ("https").
+  std::string scheme() const { return scheme_; }
+  // Host as curl gives it (IPv6 addresses in brackets).
+  std::string host() const { return host_; }
+  // Port as written, or the scheme's default (443 for https, 80 for http);
+  // 0 for a scheme curl knows no default for.
+  int port() const { return port_; }
   // Path, "/" when the URL has none.
-  std::string path() const;
+  std::string path() const { return path_; }
   // Query without the "?", empty when none.
-  std::string query() const;
+  std::string query() const { return query_; }
 
   friend bool operator==(const URL& a, const URL& b) { return a.text_ == b.text_; }
   friend bool operator!=(const URL& a, const URL& b) { return !(a == b); }
 
  private:
   explicit URL(std::string text) : text_(std::move(text)) {}
+  // The parts are split once, when curl accepts the text.
   std::string text_;
+  std::string scheme_;
+  std::string host_;
+  int port_ = 0;
+  std::string path_;
+  std::string query_;
 };
 
 // Turns a URL string built by the library into a URL, upgrading a leading
