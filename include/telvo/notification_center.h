@@ -2,6 +2,9 @@
 //
 // Handlers run on the posting thread, in registration order, with no lock
 // held, so a handler may add or remove observers (its own included) and post.
+// An observer added during a post is first called by the next post; one
+// removed during a post (on the posting thread) is not called later in it.
+// An exception thrown by a handler is logged and the remaining handlers run.
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
