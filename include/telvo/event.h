@@ -1,0 +1,66 @@
+// Event: one captured analytics event waiting in a client's queue.
+//
+// A plain record. The client makes one per accepted Telvo::sendEvent call on
+// its main queue and the flush removes it again; a host only ever sees copies
+// (Telvo::batch). Not synchronised: share a copy, not a reference, across
+// threads.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "telvo/types.h"
+
+namespace telvo {
+
+namespace core {
+struct BatchPayload;
+}
+
+class Event {
+ public:
+  Event() = default;
+
+  // The event's values as compact JSON text (UTF-8): the host's object with
+  // the service-clock "timestamp", or {"applicationName": ...} when the host
+  // gave no data. Setting it marks the text as foreign: the flush then parses
+  // it instead of copying it as it stands.
+  const std::string& data() const { return _data; }
+  void setData(std::string data) {
+    _data = std::move(data);
+    _dataIsClientJson = false;
+  }
+
+  // The event name as the host gave it.
+  const std::string& name() const { return _name; }
+  void setName(std::string name) { _name = std::move(name); }
+
+  // The capture time on the service's clock in MILLISECONDS since 1970, kept
+  // in the slot where a date keeps seconds (so as a calendar date it lies far
+  // in the future). The flush orders events by it. Never convert it.
+  double timestamp() const { return _timestamp; }
+  void setTimestamp(double timestamp) { _timestamp = timestamp; }
+
+  // The client's session id at capture time (null until set).
+  Json session() const { return _session ? *_session : Json(); }
+  void setSession(Json session) { _session = std::make_shared<const Json>(std::move(session)); }
+
+  // "name: <name>, session: <session>, data: <data>".
+  std::string description() const;
+
+ private:
+  friend class Telvo;
+  friend struct core::BatchPayload;
+
+  std::string _data;
+  std::string _name;
+  double _timestamp = 0;
+  // Shared by every event of one session, so a queued event costs no more
+  // than its text and the record itself.
+  std::shared_ptr<const Json> _session;
+  // Set when the client wrote `_data` itself and it is known to be one JSON
+  // object, so the flush may splice it into the payload unparsed.
+  bool _dataIsClientJson = false;
+};
+
+}  // namespace telvo

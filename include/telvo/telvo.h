@@ -1,0 +1,276 @@
+// Telvo: the analytics client a host application embeds.
+//
+// One client serves one reporting property in one environment. On creation it
+// fetches the application's configuration document, and when the document
+// enables reporting it says hello to the service; the hello answer gives it a
+// session id, a throttling flag and the service's clock, and from then on the
+// client is initialised. Events are stamped with the service's time, queued in
+// memory and posted in batches (on a repeating timer, or every `batchAmount`
+// events); errors are posted at once. Nothing is retried and nothing is kept
+// on disk except the service's cookie.
+//
+//   auto config = std::make_shared<telvo::TelvoConfig>(...);
+//   auto client = telvo::Telvo::create(config, "property", "production");
+//   client->setDelegate(myDelegate);            // told when initialised
+//   client->sendEvent("play", telvo::Json{{"title", "Intro"}});
+//   client->sendError(42, telvo::Json{{"where", "player"}});
+//
+// Threads. Every public member function may be called from any thread and
+// returns without waiting for the network or the main queue. Work happens on:
+//   - the main queue (telvo::mainQueue() as it was when the client was made):
+//     event capture, every change of the queue and of postCount, the flush and
+//     the batch timer;
+//   - the background queue: building error reports;
+//   - the transport's thread: configuration and hello answers, the
+//     "TelvoSessionIDReceived" notification and the delegate's
+//     telvoInitialized.
+// The process defaults (main and background queues, clock, transport,
+// notification centre, user defaults, device) are read once, in create; a
+// test or host replaces them before it creates clients.
+//
+// Ownership. Clients are always owned by shared_ptr. Work queued for a client
+// and requests in flight keep it alive until they have run; its timer and its
+// notification observers do not, so releasing the last host reference
+// destroys the client (stopping its timer and removing its observers). Events
+// still queued at that point are lost, as they are when the process ends.
+//
+// Logging goes to telvo::log, only while `debug` is set (create clears it),
+// except the lines that say why something the host handed over was dropped
+// or could not be done (see the choices below); those are always written.
+//
+// Choices where the service's contract leaves room:
+//   - Event data must be a JSON object (or nothing): anything else throws
+//     UsageError on the caller's thread. Error details likewise.
+//   - Event data holding a number JSON cannot represent (NaN, infinity) is
+//     dropped at capture with a log line; nothing is queued for that call.
+//   - A no-data event on a configuration without appName is dropped with a
+//     log line.
+//   - An error report with a null code, or on a configuration without
+//     appName, is dropped with a log line. Non-finite numbers inside an error
+//     report are sent as null.
+//   - A hello that would carry an absent value (property, appName,
+//     appVersion, platform, vendor identifier, the user-id token when enabled)
+//     is not sent: the client logs why and stays uninitialised.
+//   - A stored service cookie that cannot be rebuilt is skipped: the hello goes
+//     out without it, with its content headers, and a log line.
+//   - A configuration document that cannot be read (UsageError from
+//     TelvoMasterConfig) is logged and leaves the client unconfigured.
+//   - The flush orders events with equal timestamps in capture order.
+//   - Strings that are not valid UTF-8 are sent with U+FFFD in place of the
+//     bad bytes.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "telvo/event.h"
+#include "telvo/executor.h"
+#include "telvo/telvo_config.h"
+#include "telvo/telvo_delegate.h"
+#include "telvo/telvo_master_config.h"
+#include "telvo/telvo_transport.h"
+#include "telvo/types.h"
+
+namespace telvo {
+
+class Clock;
+class Device;
+class NotificationCenter;
+class UserDefaults;
+struct Notification;
+
+class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this<Telvo> {
+  struct Private;  // lets create() use make_shared with a private constructor
+
+ public:
+  // Registers for the three application notifications (entering the
+  // background and terminating stop the batch timer, returning to the
+  // foreground starts it), sets the start values, stores in config->configURL
+  // the location configBaseUrl + appName + "/" + site + "/" + TelvoConfigFile
+  // (an absent part reads "(null)"; "http://" becomes "https://"), clears
+  // debug and starts the configuration fetch. Null, with a log line, when
+  // `config` is null. The configuration is kept, not copied: do not change it
+  // afterwards.
+  static std::shared_ptr<Telvo> create(std::shared_ptr<TelvoConfig> config, std::string property,
+                                       std::string environment);
+
+  Telvo(Private, std::shared_ptr<TelvoConfig> config, std::string property,
+        std::string environment);
+  ~Telvo() override;
+  Telvo(const Telvo&) = delete;
+  Telvo& operator=(const Telvo&) = delete;
+
+  // Queues one event. Dropped silently unless the client is initialised, its
+  // master configuration enabled and it is not throttled (tested now, on the
+  // calling thread). The capture itself runs on the main queue: "timestamp"
+  // (service-clock milliseconds, a whole number) is set in the data, or the
+  // data becomes {"applicationName": appName} when none is given; then the
+  // queue may be flushed (a high-priority name, an "error" event, or the
+  // count in count batching). Throws UsageError when `data` is not an object.
+  void sendEvent(const std::string& name, std::optional<Json> data = std::nullopt);
+
+  // Posts one error report at once: {"sessionId", "data": {"applicationName",
+  // "timestamp", "errorCode": code} plus every entry of `details`, which win}.
+  // Dropped silently unless initialised (throttling does not stop it). Built
+  // and sent from the background queue. Throws UsageError when `details` is
+  // not an object.
+  void sendError(Json code, std::optional<Json> details = std::nullopt);
+
+  // Starts the repeating batch timer on the main queue, every `batchAmount`
+  // seconds (floored at kMinimumTimerInterval), whatever the batch mode;
+  // refuses (with a debug line) while a timer exists or the client is not
+  // initialised. The argument is ignored (the notification that called it).
+  void startTimer(const Notification* notification = nullptr);
+  // Stops the timer. Does not flush: queued events wait for the next flush.
+  void stopTimer(const Notification* notification = nullptr);
+  // The timer's action: flushes. The argument is ignored.
+  void timedPost(const Timer* timer = nullptr);
+  // Schedules a flush on the main queue and returns: the queue is emptied in
+  // timestamp order into one post of {"sessionId", "events": [{"eventType",
+  // "eventData"}...]} to servicesUrl + batchApi + ".json". An empty queue
+  // sends nothing. Whatever becomes of the post, the events are gone.
+  void dumpEvents();
+
+  // The start-up exchange. getConfigs is called by create; sendHello by the
+  // configuration answer when reporting is enabled. Both return at once.
+  void getConfigs();
+  void sendHello();
+
+  // TelvoTransportDelegate: context 0 configuration answers, 2 hello answers,
+  // anything else (batch and error posts) is only logged. Never throws.
+  void requestDidReceiveResult(const URLRequest& request, const std::optional<Json>& result,
+                               std::int32_t context) override;
+
+  // The request body for `json`: see buildTelvoJsonParameter in envelope.h.
+  std::optional<Bytes> buildTelvoJsonParameter(std::string_view json) const;
+
+  // "<Telvo: 0x...>".
+  std::string description() const;
+
+  // --- Properties. Safe to read and write from any thread.
+
+  std::shared_ptr<TelvoConfig> config() const;
+  void setConfig(std::shared_ptr<TelvoConfig> config);
+  std::string environment() const;
+  void setEnvironment(std::string environment);
+  std::string property() const;
+  void setProperty(std::string property);
+
+  // Set once a hello answer carried a session id; never cleared by the client.
+  bool isInitialized() const;
+  void setInitialized(bool initialized);
+  bool isThrottled() const;
+  // The hello answer's "sessionId" value as received (any JSON value); "" at start.
+  Json sessionID() const;
+  // Device milliseconds minus service milliseconds, rounded; 0 at start.
+  double timeStampDelta() const;
+  // Events counted towards the next count-triggered flush.
+  std::int64_t postCount() const;
+  void setPostCount(std::int64_t postCount);
+  // Null until the configuration document has been read.
+  std::shared_ptr<const TelvoMasterConfig> masterConfig() const;
+  // Null while stopped. Setting replaces the stored timer without touching
+  // the previous one.
+  std::shared_ptr<Timer> batchTimer() const;
+  void setBatchTimer(std::shared_ptr<Timer> timer);
+  // A copy of the queued events. Only consistent when read on the main queue:
+  // elsewhere, captures and flushes may be under way.
+  std::vector<Event> batch() const;
+  // Replaces the queue (intended for the main queue, like every queue change).
+  void setBatch(std::vector<Event> batch);
+  bool debug() const;
+  void setDebug(bool debug);
+  // The delegate, or null when none was set or it has been destroyed.
+  std::shared_ptr<TelvoDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<TelvoDelegate> delegate);
+
+  // Opaque slots kept for the host: stored and released, never used.
+  std::shared_ptr<void> managedObjectContext() const;
+  void setManagedObjectContext(std::shared_ptr<void> value);
+  std::shared_ptr<void> managedObjectModel() const;
+  void setManagedObjectModel(std::shared_ptr<void> value);
+  std::shared_ptr<void> persistentStoreCoordinator() const;
+  void setPersistentStoreCoordinator(std::shared_ptr<void> value);
+  std::shared_ptr<void> NSMOCLock() const;
+  void setNSMOCLock(std::shared_ptr<void> value);
+  std::shared_ptr<void> NSPSCLock() const;
+  void setNSPSCLock(std::shared_ptr<void> value);
+
+ private:
+  struct PendingEvent {
+    std::string name;
+    std::optional<Json> data;
+  };
+
+  // Main queue: captures every pending event in submission order.
+  void drainPendingEvents();
+  void captureEvent(PendingEvent& pending, const std::shared_ptr<const TelvoConfig>& config,
+                    const std::shared_ptr<const TelvoMasterConfig>& master,
+                    const std::shared_ptr<const Json>& session);
+  // Main queue: the body of dumpEvents.
+  void flushNow();
+  // Transport thread: the context-0 and context-2 answers.
+  void handleConfiguration(const std::optional<Json>& result);
+  void handleHello(const std::optional<Json>& result);
+  // Background queue: the body of sendError.
+  void postErrorReport(const Json& code, const std::optional<Json>& details);
+  // round(now * 1000) - timeStampDelta, on the service's clock.
+  double serviceMilliseconds() const;
+  void setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master);
+  std::shared_ptr<const Json> sessionPointer() const;
+
+  // The process defaults, as they were in create().
+  std::shared_ptr<Executor> _mainQueue;
+  std::shared_ptr<Executor> _backgroundQueue;
+  std::shared_ptr<Clock> _clock;
+  std::shared_ptr<TelvoTransport> _transport;
+  std::shared_ptr<NotificationCenter> _notificationCenter;
+  std::shared_ptr<UserDefaults> _userDefaults;
+  std::shared_ptr<Device> _device;
+
+  std::atomic<bool> _debug{false};
+  std::atomic<bool> _throttled{false};
+  // Written with release ordering after sessionID and timeStampDelta, so a
+  // thread that reads it set (acquire) sees both.
+  std::atomic<bool> _initialized{false};
+  // Mirrors masterConfig()->enabled() for the caller-thread acceptance test.
+  std::atomic<bool> _enabled{false};
+  std::atomic<double> _timeStampDelta{0};
+  std::atomic<std::int64_t> _postCount{0};
+
+  // Guards the fields below it; never held while calling out.
+  mutable std::mutex _mutex;
+  std::shared_ptr<const Json> _sessionID;
+  std::shared_ptr<const TelvoMasterConfig> _masterConfig;
+  std::weak_ptr<TelvoDelegate> _delegate;
+  std::shared_ptr<TelvoConfig> _config;
+  std::string _environment;
+  std::string _property;
+  std::shared_ptr<void> _managedObjectContext;
+  std::shared_ptr<void> _managedObjectModel;
+  std::shared_ptr<void> _persistentStoreCoordinator;
+  std::shared_ptr<Timer> _batchTimer;
+  std::shared_ptr<void> _NSMOCLock;
+  std::shared_ptr<void> _NSPSCLock;
+
+  // The queue. Changed only on the main queue; the mutex lets batch() copy
+  // it from elsewhere without a data race.
+  mutable std::mutex _batchMutex;
+  std::deque<Event> _batch;
+
+  // Accepted calls not yet captured. sendEvent appends here and posts one
+  // drain to the main queue only when none is pending, so a busy main queue
+  // costs the caller no wake-up per event.
+  std::mutex _pendingMutex;
+  std::vector<PendingEvent> _pending;
+  bool _drainScheduled = false;
+};
+
+}  // namespace telvo

@@ -1,0 +1,42 @@
+#include "core/batch_payload.h"
+
+#include "core/json_text.h"
+
+namespace telvo {
+namespace core {
+
+std::string BatchPayload::write(const Json& sessionId, const std::vector<Event>& events) {
+  const std::string session = dumpJson(sessionId);
+  std::size_t size = session.size() + 32;
+  for (const Event& event : events) size += event._data.size() + event._name.size() + 32;
+
+  std::string out;
+  out.reserve(size);
+  out += "{\"sessionId\":";
+  out += session;
+  out += ",\"events\":[";
+  bool first = true;
+  for (const Event& event : events) {
+    if (!first) out += ',';
+    first = false;
+    out += "{\"eventType\":";
+    appendJsonString(out, event._name);
+    out += ",\"eventData\":";
+    if (event._dataIsClientJson) {
+      out += event._data;
+    } else {
+      Json parsed = Json::parse(event._data, nullptr, /*allow_exceptions=*/false);
+      if (parsed.is_object() || parsed.is_array()) {
+        out += dumpJson(parsed);
+      } else {
+        out += "{}";
+      }
+    }
+    out += '}';
+  }
+  out += "]}";
+  return out;
+}
+
+}  // namespace core
+}  // namespace telvo

@@ -1,0 +1,38 @@
+// Small text helpers shared by the client's files: JSON writing that never
+// throws, the design's "(null)" for absent values, and truth values.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "telvo/types.h"
+
+namespace telvo {
+namespace core {
+
+// Compact JSON. Invalid UTF-8 in strings becomes U+FFFD instead of throwing;
+// non-finite numbers become null.
+std::string dumpJson(const Json& value);
+
+// The value, or "(null)" when absent.
+std::string textOrNull(const std::optional<std::string>& value);
+
+// Compact JSON of `value`, or "(null)" when absent.
+std::string jsonOrNull(const std::optional<Json>& value);
+
+// Truth of a hello answer's member: booleans as they are, numbers when not
+// zero, text when (after white space, an optional sign and zeros) it begins
+// with Y, y, T, t or a digit 1-9; anything else is false.
+bool truthValue(const Json& value);
+
+// A number read from a JSON number, or from text holding one; 0 otherwise.
+double numberValue(const Json& value);
+
+// Whether `value` holds, at any depth, a number JSON cannot represent.
+bool holdsNonFiniteNumber(const Json& value);
+
+// Appends `text` to `out` as a JSON string literal.
+void appendJsonString(std::string& out, const std::string& text);
+
+}  // namespace core
+}  // namespace telvo
