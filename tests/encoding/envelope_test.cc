@@ -1,0 +1,88 @@
+#include "telvo/envelope.h"
+
+#include <gtest/gtest.h>
+
+#include "telvo/base64.h"
+#include "telvo/gzip.h"
+
+namespace telvo {
+namespace {
+
+std::string bodyText(const Bytes& body) { return std::string(body.begin(), body.end()); }
+
+// Reverses the layers with the library's own primitives.
+std::string unwrap(const Bytes& body) {
+  const auto packed = dataWithBase64EncodedString(bodyText(body));
+  EXPECT_TRUE(packed);
+  if (!packed) return {};
+  EXPECT_EQ((*packed)[0], 0x78);
+  const auto plain = dataWithCompressedData(*packed);
+  EXPECT_TRUE(plain);
+  return plain ? std::string(plain->begin(), plain->end()) : std::string();
+}
+
+TEST(Envelope, LayersAreExact) {
+  const auto body = buildTelvoJsonParameter("{}");
+  ASSERT_TRUE(body);
+  EXPECT_EQ(unwrap(*body), "telvoJson={}");
+  // Byte for byte: zlib compress at the default level, then unwrapped Base64.
+  const std::string plain = "telvoJson={}";
+  EXPECT_EQ(bodyText(*body),
+            *base64EncodedString(*compressedDataWithData(Bytes(plain.begin(), plain.end()))));
+  const std::string raw = R"({"q":"a&b=c%20","é":1})";
+  EXPECT_EQ(unwrap(*buildTelvoJsonParameter(raw)), "telvoJson=" + raw);
+  EXPECT_EQ(unwrap(*buildTelvoJsonParameter("")), "telvoJson=");
+}
+
+TEST(Envelope, LongBodyIsOneBase64Line) {
+  std::string json = "[";
+  for (int i = 0; i < 5000; ++i) json += "{\"n\":" + std::to_string(i * 7919 % 10007) + "},";
+  json.back() = ']';
+  const auto body = buildTelvoJsonParameter(json);
+  ASSERT_TRUE(body);
+  EXPECT_EQ(body->size() % 4, 0u);
+  for (const auto c : *body) {
+    ASSERT_TRUE(std::isalnum(c) || c == '+' || c == '/' || c == '=') << int(c);
+  }
+  const auto decoded = decodeTelvoJsonParameter(bodyText(*body));
+  ASSERT_TRUE(decoded.ok()) << decoded.message;
+  EXPECT_EQ(decoded.json, json);
+  EXPECT_EQ(decoded.document.size(), 5000u);
+}
+
+TEST(EnvelopeDecode, NamesTheLayerThatFailed) {
+  using Failure = DecodedEnvelope::Failure;
+  auto wrap = [](const std::string& plain) {
+    return *base64EncodedString(*compressedDataWithData(Bytes(plain.begin(), plain.end())));
+  };
+  const std::string good = bodyText(*buildTelvoJsonParameter(R"({"a":[1,2]})"));
+  const auto ok = decodeTelvoJsonParameter(good + "\n");
+  EXPECT_TRUE(ok.ok());
+  EXPECT_EQ(ok.document, Json::parse(R"({"a":[1,2]})"));
+  EXPECT_TRUE(ok.message.empty());
+
+  struct Case {
+    std::string body;
+    Failure failure;
+    std::string layer;
+  };
+  const Case cases[] = {
+      {"", Failure::kBase64, "base64"},
+      {"!!! ---\n", Failure::kBase64, "base64"},
+      {"aGVsbG8gd29ybGQ=", Failure::kZlib, "zlib"},  // "hello world"
+      {good.substr(0, good.size() / 2), Failure::kZlib, "zlib"},
+      {wrap("telvoJson=\xFF"), Failure::kUtf8, "utf-8"},
+      {wrap(R"({"a":1})"), Failure::kPrefix, "prefix"},
+      {wrap("telvojson={}"), Failure::kPrefix, "prefix"},
+      {wrap("telvoJson={\"a\":"), Failure::kJson, "json"},
+  };
+  for (const auto& c : cases) {
+    const auto result = decodeTelvoJsonParameter(c.body);
+    EXPECT_EQ(result.failure, c.failure) << c.body;
+    EXPECT_EQ(result.message.rfind(c.layer + ":", 0), 0u) << result.message;
+    EXPECT_EQ(result.message.find('\n'), std::string::npos) << result.message;
+  }
+}
+
+}  // namespace
+}  // namespace telvo
