@@ -206,7 +206,7 @@ FileUserDefaults::FileUserDefaults(std::string path) : state_(std::make_unique<S
   std::string text;
   int error = 0;
   if (!readAll(state_->path, &text, &error)) {
-    if (error != ENOENT) {
+    if (error != ENOENT && error != ENOTDIR) {  // absent: nothing stored yet
       log("telvo: cannot read user defaults " + state_->path + " (" + errorText(error) +
           "); starting empty");
     }

@@ -249,6 +249,15 @@ bool ThreadExecutor::shutdown(double deadlineSeconds) {
     return false;
   }
 
+  {
+    // Already given up on (or detached by the worker itself): waiting again
+    // would only delay the caller a second time.
+    std::lock_guard<std::mutex> threadLock(core_->threadMutex);
+    if (!core_->thread.joinable()) {
+      std::lock_guard<std::mutex> lock(core_->mutex);
+      return core_->exited;
+    }
+  }
   bool ended;
   {
     std::unique_lock<std::mutex> lock(core_->mutex);

@@ -1,0 +1,107 @@
+#include "telvo/device.h"
+
+#include <gtest/gtest.h>
+#include <sys/utsname.h>
+
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "platform/system_info.h"
+#include "platform/temp_folder.h"
+#include "telvo/clock.h"
+#include "telvo/log.h"
+#include "telvo/user_defaults.h"
+
+namespace telvo {
+namespace {
+
+const std::regex kUUIDv4("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+
+TEST(SystemDevice, VendorIdentifierIsMadeOnceAndSurvivesAReopen) {
+  TempFolder folder;
+  std::string path = folder.file("defaults.json");
+  std::string first;
+  {
+    auto defaults = std::make_shared<FileUserDefaults>(path);
+    SystemDevice device(defaults);
+    // Racing first calls agree on one identifier.
+    std::vector<std::string> seen(4);
+    std::vector<std::thread> threads;
+    for (auto& s : seen) threads.emplace_back([&] { s = device.identifierForVendor(); });
+    for (auto& t : threads) t.join();
+    first = seen[0];
+    for (const auto& s : seen) EXPECT_EQ(s, first);
+    EXPECT_TRUE(std::regex_match(first, kUUIDv4)) << first;
+    EXPECT_EQ(defaults->objectForKey("telvoDeviceIdentifier"), Json(first));
+  }
+  auto reopened = std::make_shared<FileUserDefaults>(path);
+  EXPECT_EQ(SystemDevice(reopened).identifierForVendor(), first);
+
+  // A value that is not an identifier is replaced; another store gets its own.
+  reopened->setObject("not-a-uuid", "telvoDeviceIdentifier");
+  std::string replaced = SystemDevice(reopened).identifierForVendor();
+  EXPECT_TRUE(std::regex_match(replaced, kUUIDv4));
+  EXPECT_NE(replaced, first);
+}
+
+TEST(SystemDevice, ReportsTheSystemUnlessOverridden) {
+  SystemDevice device(std::make_shared<MemoryUserDefaults>());
+  utsname names{};
+  ASSERT_EQ(::uname(&names), 0);
+  EXPECT_EQ(device.machine(), names.machine);
+  EXPECT_EQ(device.model(), "Linux");
+  EXPECT_TRUE(std::regex_match(device.systemVersion(), std::regex("[0-9]+(\\.[0-9]+)*")))
+      << device.systemVersion();
+
+  device.setModel("Living-room TV");
+  device.setMachine("armv7l");
+  device.setSystemVersion("9.3.2");
+  device.setIdentifierForVendor("ABC");
+  EXPECT_EQ(device.model(), "Living-room TV");
+  EXPECT_EQ(device.machine(), "armv7l");
+  EXPECT_EQ(device.systemVersion(), "9.3.2");
+  EXPECT_EQ(device.identifierForVendor(), "ABC");
+  device.setModel(std::nullopt);
+  device.setMachine(std::nullopt);
+  EXPECT_EQ(device.model(), "Linux");
+  EXPECT_EQ(device.machine(), names.machine);
+}
+
+TEST(SystemInfo, VersionTextFromOsReleaseAndKernel) {
+  using system_info::leadingDottedNumbers;
+  using system_info::versionFromOsRelease;
+  EXPECT_EQ(versionFromOsRelease("NAME=\"Debian\"\nVERSION_ID=\"12\"\nID=debian\n"), "12");
+  EXPECT_EQ(versionFromOsRelease("VERSION_ID=22.04\r\n"), "22.04");
+  EXPECT_EQ(versionFromOsRelease("VERSION_ID='3.19.1'"), "3.19.1");
+  EXPECT_EQ(versionFromOsRelease("PRETTY_VERSION_ID=1\nNAME=Arch\n"), "");
+  EXPECT_EQ(versionFromOsRelease("VERSION_ID=rolling"), "");
+  EXPECT_EQ(leadingDottedNumbers("6.1.0-18-amd64"), "6.1.0");
+  EXPECT_EQ(leadingDottedNumbers("5.15.0."), "5.15.0");
+  EXPECT_EQ(leadingDottedNumbers(".5"), "");
+}
+
+TEST(ClockAndLog, SystemClockAndReplaceableSink) {
+  double now = Clock::defaultClock()->now();
+  EXPECT_NEAR(now, static_cast<double>(::time(nullptr)), 2.0);
+  auto test = std::make_shared<TestClock>(100.5);
+  Clock::setDefaultClock(test);
+  EXPECT_EQ(Clock::defaultClock()->now(), 100.5);
+  Clock::setDefaultClock(nullptr);
+  EXPECT_NEAR(Clock::defaultClock()->now(), now, 2.0);
+
+  // The sink runs without a library lock: it may log and replace the sink.
+  std::vector<std::string> lines;
+  setLogSink([&](const std::string& line) {
+    lines.push_back(line);
+    if (line == "replace") setLogSink([&](const std::string& l) { lines.push_back("new:" + l); });
+  });
+  log("one");
+  log("replace");
+  log("two");
+  setLogSink(nullptr);
+  EXPECT_EQ(lines, (std::vector<std::string>{"one", "replace", "new:two"}));
+}
+
+}  // namespace
+}  // namespace telvo
