@@ -3,7 +3,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,16 +21,19 @@ inline constexpr const char* HTTPCookieName = "Name";
 inline constexpr const char* HTTPCookieValue = "Value";
 inline constexpr const char* HTTPCookieDomain = "Domain";
 inline constexpr const char* HTTPCookiePath = "Path";
-inline constexpr const char* HTTPCookieExpires = "Expires";  // seconds since 1970 (number)
+inline constexpr const char* HTTPCookieExpires = "Expires";     // seconds since 1970 (number)
 inline constexpr const char* HTTPCookieMaximumAge = "Max-Age";  // seconds, as text
-inline constexpr const char* HTTPCookieSecure = "Secure";  // "TRUE" when set
-inline constexpr const char* HTTPCookieHttpOnly = "HttpOnly";  // "TRUE" when set
+inline constexpr const char* HTTPCookieSecure = "Secure";       // "TRUE" when set
+inline constexpr const char* HTTPCookieHttpOnly = "HttpOnly";   // "TRUE" when set
 
 class HTTPCookie {
  public:
-  // Parses every Set-Cookie field of `headers` against `url`: the default
-  // domain is the URL's host, the default path comes from the URL's path.
-  // Malformed cookies are skipped. In header order.
+  // Parses every Set-Cookie field of `headers` against `url` (RFC 6265): the
+  // default domain is the URL's host, the default path comes from the URL's
+  // path. A Domain attribute is kept as ".domain" and must domain-match the
+  // host. Max-Age wins over Expires; both end up as the Expires property
+  // (taken against the default clock). Malformed cookies and cookies for
+  // another domain are skipped. In header order.
   static std::vector<HTTPCookie> cookiesWithResponseHeaderFields(const HTTPHeaderFields& headers,
                                                                  const URL& url);
   // A cookie from stored properties; nothing where Name, Value, Domain or
@@ -45,24 +50,51 @@ class HTTPCookie {
   std::string value() const;
   std::string domain() const;
   std::string path() const;
+  // When the cookie expires (seconds since 1970); nothing for a session cookie.
+  std::optional<double> expiresDate() const;
+  bool isSecure() const;
 
  private:
   explicit HTTPCookie(Json properties) : properties_(std::move(properties)) {}
   Json properties_;
 };
 
-// The process-wide cookie storage of requests that handle cookies.
+// The process-wide cookie storage of requests that handle cookies: an
+// in-memory jar that lives as long as the process. Requests whose
+// HTTPShouldHandleCookies is set send the stored cookies that match their URL
+// and store the cookies of their responses, unless the policy is Never.
+// (A request has no separate main document here, so
+// OnlyFromMainDocumentDomain accepts what Always accepts: cookies whose
+// domain matches the request's host, which every cookie parsed against that
+// host does.)
 enum class HTTPCookieAcceptPolicy { Always = 0, Never = 1, OnlyFromMainDocumentDomain = 2 };
 
+// Thread safety: every member function may be called from any thread.
 class HTTPCookieStorage {
  public:
   static HTTPCookieStorage& sharedHTTPCookieStorage();
   HTTPCookieAcceptPolicy cookieAcceptPolicy() const;
   void setCookieAcceptPolicy(HTTPCookieAcceptPolicy policy);
 
+  // Stores `cookies` as received for `url`, replacing a stored cookie with the
+  // same name, domain and path; an expired cookie removes its stored match.
+  // Does nothing under the Never policy.
+  void setCookies(const std::vector<HTTPCookie>& cookies, const URL& url);
+  // The unexpired cookies to send to `url` (domain, path and Secure match),
+  // longest path first.
+  std::vector<HTTPCookie> cookiesForURL(const URL& url) const;
+  void deleteAllCookies();
+
  private:
   HTTPCookieStorage() = default;
+  struct Stored {
+    HTTPCookie cookie;
+    std::uint64_t order;
+  };
   std::atomic<int> policy_{static_cast<int>(HTTPCookieAcceptPolicy::OnlyFromMainDocumentDomain)};
+  mutable std::mutex mutex_;
+  std::vector<Stored> cookies_;  // guarded by mutex_
+  std::uint64_t nextOrder_ = 0;  // guarded by mutex_
 };
 
 }  // namespace telvo

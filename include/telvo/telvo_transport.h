@@ -44,9 +44,9 @@ class TelvoTransport {
   // Settings of the libcurl transport; take effect for transports made after
   // they are set (so set them before the first sharedTransport()).
   struct Options {
-    std::string caFile;        // PEM bundle to trust instead of the system store
-    std::string caPath;        // folder of hashed certificates
-    std::string proxy;         // e.g. "http://proxy:3128"; empty: libcurl's default
+    std::string caFile;         // PEM bundle to trust instead of the system store
+    std::string caPath;         // folder of hashed certificates
+    std::string proxy;          // e.g. "http://proxy:3128"; empty: libcurl's default
     double connectTimeout = 0;  // seconds; 0: libcurl's default
   };
   static void setOptions(Options options);
@@ -78,8 +78,9 @@ class TelvoTransport {
   // first; then cookie keeping; then strip; then parse; then delivery).
   // Implementations call it exactly once per request.
   void complete(const URLRequest& request, std::int32_t context,
-                const std::shared_ptr<TelvoTransportDelegate>& delegate, const std::optional<Error>& error,
-                const HTTPHeaderFields& responseHeaders, const Bytes& body) const;
+                const std::shared_ptr<TelvoTransportDelegate>& delegate,
+                const std::optional<Error>& error, const HTTPHeaderFields& responseHeaders,
+                const Bytes& body) const;
 };
 
 }  // namespace telvo
