@@ -1,5 +1,7 @@
 // `telvo config [--env NAME] FILE|-`: shows the master configuration that a
 // configuration document yields for an environment, as a client would see it.
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -35,9 +37,11 @@ std::optional<std::string> readAll(const std::string& file) {
 
 int runConfig(const ConfigOptions& options) {
   const std::string source = options.file == "-" ? "standard input" : options.file;
+  errno = 0;
   auto text = readAll(options.file);
   if (!text) {
-    std::cerr << "telvo config: cannot read " << source << "\n";
+    std::cerr << "telvo config: cannot read " << source << ": "
+              << (errno ? std::strerror(errno) : "read error") << "\n";
     return kExitUsage;
   }
   Json document;
