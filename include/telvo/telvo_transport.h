@@ -57,26 +57,36 @@ class TelvoTransport {
   // Replaces it (tests, hosts with their own HTTP stack). Before clients exist.
   static void setSharedTransport(std::shared_ptr<TelvoTransport> transport);
   // A new, independent libcurl transport with its own thread and connections.
+  // Releasing it stops its thread: transfers still running get about 1.5 s,
+  // then complete with a "telvo.transport" cancellation error. At process
+  // exit every libcurl transport still alive (the shared one included) is
+  // stopped the same way.
   static std::shared_ptr<TelvoTransport> makeCurlTransport(Options options);
 
   virtual ~TelvoTransport() = default;
 
-  // Starts the request and returns at once.
+  // Starts the request and returns at once. The request fails with a
+  // "telvo.transport" error (code = the CURLcode) where it has no URL, a bad
+  // method or a header field that is not a token or holds CR/LF. A null
+  // delegate is allowed: the request goes out and its result is dropped.
   virtual void sendRequest(URLRequest request, std::int32_t context,
                            std::shared_ptr<TelvoTransportDelegate> delegate) = 0;
 
-  // Waits until no request is in flight, at most `timeout` seconds. True when idle.
+  // Waits until no request is in flight (every completion has run and its
+  // delegate been released), at most `timeout` seconds. True when idle. From
+  // inside a completion it does not wait.
   virtual bool waitUntilIdle(double timeout) = 0;
 
   // The body with a callback wrapper (name "(" JSON ");") removed: everything
   // after the first "(" up to the last ");". A body with "(" but no ");"
-  // comes back unchanged.
+  // comes back unchanged; bytes that are not UTF-8 come back empty.
   Bytes dataWithStrippedJSONCallback(const Bytes& body) const;
 
  protected:
   // The completion of one request: everything after the transfer (error
   // first; then cookie keeping; then strip; then parse; then delivery).
-  // Implementations call it exactly once per request.
+  // Implementations call it exactly once per request. It lets a delegate's
+  // exception through; the caller catches it.
   void complete(const URLRequest& request, std::int32_t context,
                 const std::shared_ptr<TelvoTransportDelegate>& delegate,
                 const std::optional<Error>& error, const HTTPHeaderFields& responseHeaders,
