@@ -1,0 +1,142 @@
+// `telvo encode [FILE|-]` and `telvo decode [FILE|-]`: turn a JSON document into
+// the request body the library sends, and a body back into its document.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "command.h"
+#include "telvo/envelope.h"
+#include "telvo/types.h"
+
+namespace telvo::tool {
+namespace {
+
+struct CodecOptions {
+  std::string file = "-";
+  bool compact = false;  // encode: rewrite the document compactly first
+  bool raw = false;      // decode: print the JSON text as carried, not re-indented
+};
+
+std::string sourceName(const std::string& file) { return file == "-" ? "standard input" : file; }
+
+// The whole of `file` ("-" is standard input); on failure `error` says why.
+std::optional<std::string> readAll(const std::string& file, std::string& error) {
+  std::FILE* in = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
+  if (in == nullptr) {
+    error = std::strerror(errno);
+    return std::nullopt;
+  }
+  std::string text;
+  char buffer[64 * 1024];
+  std::size_t got;
+  while ((got = std::fread(buffer, 1, sizeof buffer, in)) > 0) text.append(buffer, got);
+  const bool failed = std::ferror(in) != 0;
+  const int readErrno = errno;
+  if (in != stdin) std::fclose(in);
+  if (failed) {
+    error = std::strerror(readErrno);
+    return std::nullopt;
+  }
+  return text;
+}
+
+// Parses keeping the members in the order they were written.
+std::optional<nlohmann::ordered_json> parseOrdered(const std::string& text, std::string& error) {
+  try {
+    return nlohmann::ordered_json::parse(text);
+  } catch (const nlohmann::ordered_json::exception& e) {
+    error = e.what();
+    return std::nullopt;
+  }
+}
+
+std::string trimmed(const std::string& text) {
+  const char* blanks = " \t\r\n";
+  const auto first = text.find_first_not_of(blanks);
+  if (first == std::string::npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+int runEncode(const CodecOptions& options) {
+  std::string error;
+  const auto text = readAll(options.file, error);
+  if (!text) {
+    std::cerr << "telvo encode: cannot read " << sourceName(options.file) << ": " << error << "\n";
+    return kExitUsage;
+  }
+  const auto document = parseOrdered(*text, error);
+  if (!document) {
+    std::cerr << "telvo encode: " << sourceName(options.file) << " is not JSON: " << error << "\n";
+    return kExitUsage;
+  }
+  const std::string json = options.compact ? document->dump() : trimmed(*text);
+  const auto body = buildTelvoJsonParameter(json);
+  if (!body) {
+    std::cerr << "telvo encode: compression failed\n";
+    return 1;
+  }
+  std::cout.write(reinterpret_cast<const char*>(body->data()),
+                  static_cast<std::streamsize>(body->size()));
+  // A terminal gets a line end; a pipe or file gets the body byte for byte.
+  if (isatty(STDOUT_FILENO)) std::cout << '\n';
+  std::cout.flush();
+  return std::cout ? 0 : 1;
+}
+
+int runDecode(const CodecOptions& options) {
+  std::string error;
+  const auto body = readAll(options.file, error);
+  if (!body) {
+    std::cerr << "telvo decode: cannot read " << sourceName(options.file) << ": " << error << "\n";
+    return kExitUsage;
+  }
+  const DecodedEnvelope decoded = decodeTelvoJsonParameter(*body);
+  if (!decoded.ok()) {
+    std::cerr << "telvo decode: " << decoded.message << "\n";
+    return kExitUsage;
+  }
+  if (options.raw) {
+    std::cout << decoded.json << "\n";
+  } else {
+    // The body parsed once already; parse again keeping the sender's order.
+    const auto document = parseOrdered(decoded.json, error);
+    std::cout << (document ? document->dump(2) : decoded.document.dump(2)) << "\n";
+  }
+  std::cout.flush();
+  return std::cout ? 0 : 1;
+}
+
+const bool encodeRegistered = registerCommand(10, [](CLI::App& app) {
+  auto* cmd = app.add_subcommand(
+      "encode",
+      "Wrap a JSON document into the request body the library sends: \"telvoJson=\" + the "
+      "JSON text, zlib-compressed, then Base64 (one line). The body goes to standard output");
+  auto options = std::make_shared<CodecOptions>();
+  cmd->add_option("file", options->file, "JSON document to wrap, or - for standard input")
+      ->capture_default_str();
+  cmd->add_flag("--compact", options->compact,
+                "Rewrite the document compactly first (default: the text as written, without "
+                "surrounding white space)");
+  return Command{cmd, [options] { return runEncode(*options); }};
+});
+
+const bool decodeRegistered = registerCommand(11, [](CLI::App& app) {
+  auto* cmd = app.add_subcommand(
+      "decode",
+      "Unwrap a request body (Base64, zlib, \"telvoJson=\" prefix) and print its JSON "
+      "document indented. Bad input: one line naming the failed layer, exit status 2");
+  auto options = std::make_shared<CodecOptions>();
+  cmd->add_option("file", options->file, "Request body to unwrap, or - for standard input")
+      ->capture_default_str();
+  cmd->add_flag("--raw", options->raw, "Print the JSON text exactly as carried in the body");
+  return Command{cmd, [options] { return runDecode(*options); }};
+});
+
+}  // namespace
+}  // namespace telvo::tool
