@@ -67,28 +67,29 @@ void Telvo::captureEvent(PendingEvent& pending, const std::shared_ptr<const Telv
     log("Queueing up event: " + pending.name + " with data: " + core::jsonOrNull(pending.data));
   }
 
-  Event event;
+  // Written into a reused buffer, then copied once at its exact size: a queued
+  // event keeps only its text.
+  thread_local std::string text;
+  text.clear();
   if (pending.data) {
-    if (core::holdsNonFiniteNumber(*pending.data)) {
+    if (!core::appendEventData(text, *pending.data,
+                               static_cast<std::int64_t>(serviceMilliseconds()))) {
       log("Telvo: dropped event \"" + pending.name +
           "\": its data holds a number JSON cannot represent (NaN or infinity)");
       return;
     }
-    // The service reads "timestamp" as whole milliseconds: write an integer.
-    (*pending.data)["timestamp"] = static_cast<std::int64_t>(serviceMilliseconds());
-    event._data = core::dumpJson(*pending.data);
   } else {
     if (!config || !config->appName()) {
       log("Telvo: dropped event \"" + pending.name +
           "\": it has no data and the configuration has no appName");
       return;
     }
-    event._data = "{\"applicationName\":";
-    core::appendJsonString(event._data, *config->appName());
-    event._data += '}';
+    text += "{\"applicationName\":";
+    core::appendJsonString(text, *config->appName());
+    text += '}';
   }
-  // The writer grows its buffer geometrically; a queued event keeps only its text.
-  event._data.shrink_to_fit();
+  Event event;
+  event._data.assign(text.data(), text.size());
   event._dataIsClientJson = true;
   event._timestamp = serviceMilliseconds();
   event._name = std::move(pending.name);

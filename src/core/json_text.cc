@@ -1,6 +1,7 @@
 #include "core/json_text.h"
 
 #include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 
@@ -39,21 +40,6 @@ double numberValue(const Json& value) {
   return 0;
 }
 
-bool holdsNonFiniteNumber(const Json& value) {
-  switch (value.type()) {
-    case Json::value_t::number_float:
-      return !std::isfinite(value.get<double>());
-    case Json::value_t::object:
-    case Json::value_t::array:
-      for (const auto& element : value) {
-        if (holdsNonFiniteNumber(element)) return true;
-      }
-      return false;
-    default:
-      return false;
-  }
-}
-
 void appendJsonString(std::string& out, const std::string& text) {
   // Plain printable ASCII is by far the common case for event names; anything
   // else goes through the JSON writer, which escapes and repairs UTF-8.
@@ -67,6 +53,78 @@ void appendJsonString(std::string& out, const std::string& text) {
   out += '"';
   out += text;
   out += '"';
+}
+
+bool appendJson(std::string& out, const Json& value) {
+  char digits[32];
+  switch (value.type()) {
+    case Json::value_t::object: {
+      out += '{';
+      bool first = true;
+      for (const auto& [key, member] : value.items()) {
+        if (!first) out += ',';
+        first = false;
+        appendJsonString(out, key);
+        out += ':';
+        if (!appendJson(out, member)) return false;
+      }
+      out += '}';
+      return true;
+    }
+    case Json::value_t::array: {
+      out += '[';
+      bool first = true;
+      for (const auto& element : value) {
+        if (!first) out += ',';
+        first = false;
+        if (!appendJson(out, element)) return false;
+      }
+      out += ']';
+      return true;
+    }
+    case Json::value_t::string:
+      appendJsonString(out, value.get_ref<const std::string&>());
+      return true;
+    case Json::value_t::number_integer: {
+      auto end = std::to_chars(digits, digits + sizeof digits, value.get<std::int64_t>()).ptr;
+      out.append(digits, end);
+      return true;
+    }
+    case Json::value_t::number_unsigned: {
+      auto end = std::to_chars(digits, digits + sizeof digits, value.get<std::uint64_t>()).ptr;
+      out.append(digits, end);
+      return true;
+    }
+    case Json::value_t::number_float: {
+      const double number = value.get<double>();
+      if (!std::isfinite(number)) return false;
+      // Shortest text that reads back as the same double.
+      auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+      out.append(digits, end);
+      return true;
+    }
+    case Json::value_t::boolean:
+      out += value.get<bool>() ? "true" : "false";
+      return true;
+    default:  // null, and binary values, which JSON text cannot hold
+      out += "null";
+      return true;
+  }
+}
+
+bool appendEventData(std::string& out, const Json& data, std::int64_t timestamp) {
+  char digits[32];
+  out += "{\"timestamp\":";
+  out.append(digits, std::to_chars(digits, digits + sizeof digits, timestamp).ptr);
+  for (const auto& [key, member] : data.items()) {
+    if (key == "timestamp") continue;
+    out += ',';
+    appendJsonString(out, key);
+    out += ':';
+    if (!appendJson(out, member)) return false;
+  }
+  out += '}';
+  return true;
 }
 
 }  // namespace core

@@ -2,6 +2,7 @@
 // throws, the design's "(null)" for absent values, and truth values.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -28,11 +29,18 @@ bool truthValue(const Json& value);
 // A number read from a JSON number, or from text holding one; 0 otherwise.
 double numberValue(const Json& value);
 
-// Whether `value` holds, at any depth, a number JSON cannot represent.
-bool holdsNonFiniteNumber(const Json& value);
-
 // Appends `text` to `out` as a JSON string literal.
 void appendJsonString(std::string& out, const std::string& text);
+
+// Appends `value` to `out` as compact JSON, as dumpJson would write it (but
+// whole doubles may lose their ".0"). False, with `out` left partly written,
+// when `value` holds a number JSON cannot represent.
+bool appendJson(std::string& out, const Json& value);
+
+// Appends the event object `data` with its "timestamp" member set to
+// `timestamp` (replacing any the host gave), written first and without
+// copying or changing `data`. False for non-finite numbers, as appendJson.
+bool appendEventData(std::string& out, const Json& data, std::int64_t timestamp);
 
 }  // namespace core
 }  // namespace telvo
