@@ -183,7 +183,8 @@ int main(int argc, char** argv) {
   timerClient->sendEvent("pause", telvo::Json{{"position", 12}});
   const auto timerMaster = timerClient->masterConfig();
   const double interval = timerMaster ? static_cast<double>(timerMaster->batchAmount()) : 0;
-  step("waiting for the timer flush (every " + std::to_string(interval) + " s)");
+  step("waiting for the timer flush (every " + std::to_string(static_cast<long long>(interval)) +
+       " s)");
   const auto timerDeadline = Clock::now() + waitLimit;
   drain(*telvo::mainQueue(), options.timeout);
   while (!timerClient->batch().empty() && Clock::now() < timerDeadline) {
