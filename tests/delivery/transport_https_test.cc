@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <future>
 #include <map>
 #include <memory>
 #include <set>
@@ -303,14 +304,16 @@ TEST_F(TransportHttpsTest, ReleasingTheTransportCancelsWhatIsLeftAtTheDeadline) 
   options.caFile = server_->certificateFile();
   auto holder =
       std::make_shared<std::shared_ptr<TelvoTransport>>(TelvoTransport::makeCurlTransport(options));
+  auto released = std::make_shared<std::promise<void>>();
+  auto done = released->get_future();
   auto releasing = std::make_shared<TestTransportDelegate>(true);
-  releasing->onResult = [holder](const TestTransportDelegate::Result&) { holder->reset(); };
+  releasing->onResult = [holder, released](const TestTransportDelegate::Result&) {
+    holder->reset();
+    released->set_value();
+  };
   (*holder)->sendRequest(request("/plain"), 3, releasing);
   releasing.reset();  // the request in flight keeps it
-  auto deadline = std::chrono::steady_clock::now() + Seconds(kWait);
-  while (*holder && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  ASSERT_EQ(done.wait_for(Seconds(kWait)), std::future_status::ready);
   EXPECT_FALSE(*holder);
 }
 
