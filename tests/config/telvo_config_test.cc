@@ -4,8 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
-#include <mutex>
+#include <functional>
 
 #include "telvo/device.h"
 #include "telvo/log.h"
@@ -15,49 +14,42 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using Names = std::vector<std::string>;
 
 class TelvoConfigTest : public ::testing::Test {
  protected:
   void SetUp() override {
     previousDevice_ = Device::currentDevice();
     Device::setCurrentDevice(std::make_shared<FixedDevice>("9.3.2"));
-    setLogSink([this](const std::string& line) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back(line);
-    });
+    setLogSink([this](const std::string& line) { lines_.push_back(line); });
   }
   void TearDown() override {
     setLogSink({});
     Device::setCurrentDevice(previousDevice_);
   }
 
-  std::vector<std::string> logLines() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
+  // Builds from complete settings changed by `edit`, keeping the log lines it wrote.
+  std::shared_ptr<TelvoConfig> build(const std::function<void(Json&)>& edit) {
+    Json settings = {{"platform", "Linux"},
+                     {"site", "tvguide"},
+                     {"appVersion", "2.4"},
+                     {"appName", "Guide"},
+                     {"configBaseUrl", "https://example.test/cfg/"}};
+    edit(settings);
+    lines_.clear();
+    return TelvoConfig::telvoConfigWithDictionary(settings);
   }
 
-  static Json completeSettings() {
-    return Json{{"platform", "Linux"},
-                {"site", "tvguide"},
-                {"appVersion", "2.4"},
-                {"appName", "Guide"},
-                {"configBaseUrl", "https://example.test/cfg/"}};
-  }
-
-  static std::string missingMessage(const std::string& key) {
+  static std::string missing(const std::string& key) {
     return "TELVO INIT ERROR: TelvoConfig is missing value for \"" + key + "\"";
   }
 
- private:
   std::shared_ptr<Device> previousDevice_;
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
+  Names lines_;
 };
 
 TEST_F(TelvoConfigTest, SettingsFillTheRecordWithTheDeviceVersion) {
-  Json settings = completeSettings();
-  settings["platformVersion"] = "1.0-from-settings";
-  auto config = TelvoConfig::telvoConfigWithDictionary(settings);
+  auto config = build([](Json& s) { s["platformVersion"] = "1.0-from-settings"; });
   ASSERT_NE(config, nullptr);
   EXPECT_EQ(config->platform(), "Linux");
   EXPECT_EQ(config->platformVersion(), "9.3.2");
@@ -65,132 +57,78 @@ TEST_F(TelvoConfigTest, SettingsFillTheRecordWithTheDeviceVersion) {
   EXPECT_EQ(config->appVersion(), "2.4");
   EXPECT_EQ(config->appName(), "Guide");
   EXPECT_EQ(config->configBaseUrl(), "https://example.test/cfg/");
-  EXPECT_FALSE(config->highPriorityEvents().has_value());
-  EXPECT_FALSE(config->configURL().has_value());
-  EXPECT_FALSE(config->batchDisabled());
-  EXPECT_TRUE(logLines().empty());
+  EXPECT_FALSE(config->highPriorityEvents() || config->configURL() || config->batchDisabled());
+  EXPECT_TRUE(lines_.empty());
 }
 
-TEST_F(TelvoConfigTest, EachMissingRequiredKeyIsReportedAlone) {
+TEST_F(TelvoConfigTest, MissingKeysReportOnlyTheFirst) {
   for (const char* key : {"platform", "site", "appVersion", "appName"}) {
-    SCOPED_TRACE(key);
-    const auto before = logLines().size();
-    Json settings = completeSettings();
-    settings.erase(key);
-    EXPECT_EQ(TelvoConfig::telvoConfigWithDictionary(settings), nullptr);
-    const auto lines = logLines();
-    EXPECT_THAT(std::vector<std::string>(lines.begin() + before, lines.end()),
-                ElementsAre(missingMessage(key)));
+    EXPECT_EQ(build([&](Json& s) { s.erase(key); }), nullptr);
+    EXPECT_THAT(lines_, ElementsAre(missing(key)));
   }
-}
-
-TEST_F(TelvoConfigTest, OnlyTheFirstMissingKeyIsReported) {
-  Json settings = completeSettings();
-  settings.erase("site");
-  settings.erase("appName");
-  EXPECT_EQ(TelvoConfig::telvoConfigWithDictionary(settings), nullptr);
-  EXPECT_THAT(logLines(), ElementsAre(missingMessage("site")));
-
-  // Null settings have no keys at all.
-  EXPECT_EQ(TelvoConfig::telvoConfigWithDictionary(Json()), nullptr);
-  EXPECT_EQ(logLines().back(), missingMessage("platform"));
+  EXPECT_EQ(build([](Json& s) { s.erase("site"), s.erase("appName"); }), nullptr);
+  EXPECT_THAT(lines_, ElementsAre(missing("site")));
+  EXPECT_EQ(build([](Json& s) { s = nullptr; }), nullptr);  // null settings have no keys
+  EXPECT_THAT(lines_, ElementsAre(missing("platform")));
 }
 
 TEST_F(TelvoConfigTest, EmptyAndNullValuesArePresent) {
-  Json settings = completeSettings();
-  settings["site"] = "";
-  settings["appName"] = nullptr;
-  settings["configBaseUrl"] = nullptr;
-  auto config = TelvoConfig::telvoConfigWithDictionary(settings);
+  auto config = build([](Json& s) { s["site"] = "", s["appName"] = s["configBaseUrl"] = nullptr; });
   ASSERT_NE(config, nullptr);
   EXPECT_EQ(config->site(), "");
   EXPECT_FALSE(config->appName().has_value());
-  // A null base is present, so the default base does not replace it.
-  EXPECT_FALSE(config->configBaseUrl().has_value());
-  EXPECT_TRUE(logLines().empty());
-}
+  EXPECT_FALSE(config->configBaseUrl().has_value());  // present, so no default base
 
-TEST_F(TelvoConfigTest, AbsentBaseTakesTheDefaultAsItStandsNow) {
   const std::string saved = TelvoConfigBaseURL;
-  Json settings = completeSettings();
-  settings.erase("configBaseUrl");
-  EXPECT_EQ(TelvoConfig::telvoConfigWithDictionary(settings)->configBaseUrl(), saved);
   TelvoConfigBaseURL = "https://mirror.test/mdrv/telvo/config/";
-  EXPECT_EQ(TelvoConfig::telvoConfigWithDictionary(settings)->configBaseUrl(),
-            "https://mirror.test/mdrv/telvo/config/");
+  EXPECT_EQ(build([](Json& s) { s.erase("configBaseUrl"); })->configBaseUrl(), TelvoConfigBaseURL);
   TelvoConfigBaseURL = saved;
 }
 
 TEST_F(TelvoConfigTest, HighPriorityEventTexts) {
-  auto events = [](const std::string& text) {
-    Json settings = completeSettings();
-    settings["highPriorityEvents"] = text;
-    return *TelvoConfig::telvoConfigWithDictionary(settings)->highPriorityEvents();
+  auto events = [this](const std::string& text) {
+    return *build([&](Json& s) { s["highPriorityEvents"] = text; })->highPriorityEvents();
   };
-  EXPECT_THAT(events(" login , purchase"), ElementsAre("login", "purchase"));
-  EXPECT_THAT(events("login"), ElementsAre("login"));
-  EXPECT_THAT(events(" log in "), ElementsAre("login"));
-  EXPECT_THAT(events(""), ElementsAre(""));
-  EXPECT_THAT(events("a,b,"), ElementsAre("a", "b", ""));
-  EXPECT_THAT(events(",,"), ElementsAre("", "", ""));
-  // Only U+0020 is a blank; other white space stays in the names.
-  EXPECT_THAT(events("a\t,\nb"), ElementsAre("a\t", "\nb"));
+  EXPECT_EQ(events(" login , purchase"), (Names{"login", "purchase"}));
+  EXPECT_EQ(events(" log in "), (Names{"login"}));
+  EXPECT_EQ(events(""), (Names{""}));
+  EXPECT_EQ(events("a,b,"), (Names{"a", "b", ""}));
+  EXPECT_EQ(events(",,"), (Names{"", "", ""}));
+  EXPECT_EQ(events("a\t,\nb"), (Names{"a\t", "\nb"}));  // only U+0020 is removed
 }
 
 TEST_F(TelvoConfigTest, ValuesOfTheWrongTypeAreUsageErrors) {
-  auto expectError = [](const Json& settings, const std::string& naming) {
+  const std::pair<const char*, Json> cases[] = {{"appVersion", 24},
+                                                {"configBaseUrl", Json::array()},
+                                                {"highPriorityEvents", Json::array({"login"})},
+                                                {"highPriorityEvents", nullptr}};
+  for (const auto& [key, value] : cases) {
     try {
-      TelvoConfig::telvoConfigWithDictionary(settings);
-      ADD_FAILURE() << "no UsageError for " << settings.dump();
+      build([&](Json& s) { s[key] = value; });
+      ADD_FAILURE() << "no UsageError for " << key;
     } catch (const UsageError& e) {
-      EXPECT_THAT(e.what(), HasSubstr(naming));
+      EXPECT_THAT(e.what(), HasSubstr(std::string("\"") + key + "\""));
     }
-  };
-  Json settings = completeSettings();
-  settings["appVersion"] = 24;
-  expectError(settings, "\"appVersion\"");
-  settings = completeSettings();
-  settings["configBaseUrl"] = Json::array();
-  expectError(settings, "\"configBaseUrl\"");
-  settings = completeSettings();
-  settings["highPriorityEvents"] = Json::array({"login"});
-  expectError(settings, "\"highPriorityEvents\"");
-  settings["highPriorityEvents"] = nullptr;
-  expectError(settings, "\"highPriorityEvents\"");
-  expectError(Json::array(), "object");
+  }
+  EXPECT_THROW(build([](Json& s) { s = Json::array(); }), UsageError);
 }
 
-TEST_F(TelvoConfigTest, ConstructorStoresItsArgumentsUnchanged) {
-  TelvoConfig config("platform", "version", "site", "appVersion", "appName", std::nullopt);
-  EXPECT_EQ(config.platform(), "platform");
-  EXPECT_EQ(config.platformVersion(), "version");
-  EXPECT_EQ(config.site(), "site");
-  EXPECT_EQ(config.appVersion(), "appVersion");
-  EXPECT_EQ(config.appName(), "appName");
-  EXPECT_FALSE(config.configBaseUrl().has_value());
-  EXPECT_FALSE(config.highPriorityEvents().has_value());
-}
-
-TEST_F(TelvoConfigTest, DescriptionPrintsNullForUnsetFields) {
-  TelvoConfig empty(std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+TEST_F(TelvoConfigTest, ConstructorDescriptionAndJSON) {
+  TelvoConfig unset(std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
                     std::nullopt);
   char identity[32];
-  std::snprintf(identity, sizeof identity, "%p", static_cast<const void*>(&empty));
-  EXPECT_EQ(empty.description(), std::string("TelvoConfig: ") + identity +
+  std::snprintf(identity, sizeof identity, "%p", static_cast<const void*>(&unset));
+  EXPECT_EQ(unset.description(), std::string("TelvoConfig: ") + identity +
                                      "\nSite: (null)\nConfig Base URL: (null)\nApp Name: (null)"
                                      "\nApp Version: (null)\nPlatform: (null)\n"
                                      "Platform Version:(null)");
+  EXPECT_THROW(unset.JSONString(), UsageError);
 
-  TelvoConfig full("Linux", "6.1", "news", "3.0", "Reader", "https://b/");
-  EXPECT_THAT(full.description(), HasSubstr("\nSite: news\nConfig Base URL: https://b/\nApp Name: "
-                                            "Reader\nApp Version: 3.0\nPlatform: Linux\n"
-                                            "Platform Version:6.1"));
-}
-
-TEST_F(TelvoConfigTest, JSONStringHoldsExactlyTheSixIdentityFields) {
   TelvoConfig config("Linux", "6.1", "news", "3.0", "Reader \"beta\"", "https://b/");
-  config.setHighPriorityEvents(std::vector<std::string>{"login"});
-  config.setBatchDisabled(true);
+  EXPECT_THAT(config.description(), HasSubstr("\nSite: news\nConfig Base URL: https://b/\nApp "
+                                              "Name: Reader \"beta\"\nApp Version: 3.0\n"
+                                              "Platform: Linux\nPlatform Version:6.1"));
+  config.setHighPriorityEvents(Names{"login"});
   auto text = config.JSONString();
   ASSERT_TRUE(text.has_value());
   EXPECT_EQ(text->find('\n'), std::string::npos);
@@ -200,21 +138,15 @@ TEST_F(TelvoConfigTest, JSONStringHoldsExactlyTheSixIdentityFields) {
                                       {"appVersion", "3.0"},
                                       {"platform", "Linux"},
                                       {"platformVersion", "6.1"}}));
-
   config.setAppVersion(std::string("\xff\xfe"));
-  EXPECT_FALSE(config.JSONString().has_value());
-
-  config.setPlatformVersion(std::nullopt);
-  EXPECT_THROW(config.JSONString(), UsageError);
+  EXPECT_FALSE(config.JSONString().has_value());  // not UTF-8
 }
 
 TEST(TelvoConfigGlobals, HaveTheirPublishedValues) {
-  const std::string base = TelvoConfigBaseURL;
+  const std::string base = TelvoConfigBaseURL, path = "/mdrv/telvo/config/";
   EXPECT_EQ(base.rfind("https://", 0), 0u);
-  const std::string path = "/mdrv/telvo/config/";
-  ASSERT_GT(base.size(), path.size());
-  EXPECT_EQ(base.substr(base.size() - path.size()), path);
   EXPECT_EQ(base.find('/', 8), base.size() - path.size());  // the path follows the host
+  EXPECT_EQ(base.substr(base.find('/', 8)), path);
   EXPECT_EQ(TelvoConfigFile, "telvoanalytics.json");
   EXPECT_EQ(TelvoVersionNumber, 1.0);
   EXPECT_STREQ(reinterpret_cast<const char*>(TelvoVersionString),
