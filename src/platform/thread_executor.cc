@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdio>
 #include <exception>
 #include <mutex>
 #include <queue>
@@ -277,8 +278,10 @@ bool ThreadExecutor::shutdown(double deadlineSeconds) {
     }
   }
   if (abandoned) {
-    log("telvo: " + core_->options.name + " did not stop within " +
-        std::to_string(deadlineSeconds) + " s; left to finish on its own");
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.1f", deadlineSeconds);
+    log("telvo: " + core_->options.name + " did not stop within " + seconds +
+        " s; left to finish on its own");
   }
   return ended;
 }
