@@ -1,0 +1,211 @@
+// `telvo collector [--port N] [--data DIR] [--cert FILE --key FILE]
+//   [--config-dir DIR] [--throttle] [--clock-skew MS] [--callback NAME]
+//   [--set-cookie TEXT] [--max-body BYTES] [--quiet]`:
+// a local stand-in for the analytics service and the configuration location,
+// over HTTPS on 127.0.0.1, storing everything it receives in
+// <data>/collector.db. Runs until SIGINT or SIGTERM, then exits 0.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "collector/collector_paths.h"
+#include "collector/collector_server.h"
+#include "collector/collector_store.h"
+#include "command.h"
+#include "common/certificate.h"
+
+namespace telvo::tool {
+namespace {
+
+struct CollectorCommandOptions {
+  int port = 8443;
+  std::string dataDir;
+  std::string certFile;
+  std::string keyFile;
+  std::string configDir;
+  bool throttle = false;
+  std::int64_t clockSkewMs = 0;
+  std::string callback;
+  std::string setCookie;
+  std::size_t maxBody = 8 * 1024 * 1024;
+  bool quiet = false;
+};
+
+// Written by the signal handler (and by the serving thread when it ends on
+// its own); the main thread waits on the read end.
+int wakePipe[2] = {-1, -1};
+
+extern "C" void onStopSignal(int) {
+  int saved = errno;
+  char byte = 1;
+  [[maybe_unused]] ssize_t n = write(wakePipe[1], &byte, 1);
+  errno = saved;
+}
+
+bool installStopSignals(std::string* error) {
+  if (pipe2(wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+    *error = "cannot create the stop pipe";
+    return false;
+  }
+  struct sigaction action {};
+  action.sa_handler = onStopSignal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  if (sigaction(SIGINT, &action, nullptr) != 0 || sigaction(SIGTERM, &action, nullptr) != 0) {
+    *error = "cannot install the SIGINT/SIGTERM handlers";
+    return false;
+  }
+  // A client that goes away mid-answer must not end the collector.
+  signal(SIGPIPE, SIG_IGN);
+  return true;
+}
+
+void waitForStop() {
+  pollfd fd{wakePipe[0], POLLIN, 0};
+  while (poll(&fd, 1, -1) < 0 && errno == EINTR) {
+  }
+}
+
+// The kept certificate is valid for 30 days from its making; it is replaced a
+// few days before that, so a long-lived data folder keeps working.
+bool certificateUsable(const std::filesystem::path& cert, const std::filesystem::path& key) {
+  std::error_code ec;
+  if (!std::filesystem::exists(cert, ec) || !std::filesystem::exists(key, ec)) return false;
+  auto written = std::filesystem::last_write_time(cert, ec);
+  if (ec) return false;
+  return std::filesystem::file_time_type::clock::now() - written < std::chrono::hours(24 * 25);
+}
+
+int runCollector(const CollectorCommandOptions& options) {
+  if (options.port < 0 || options.port > 65535) {
+    std::cerr << "telvo collector: --port must be 0 (any free port) to 65535\n";
+    return kExitUsage;
+  }
+  if (options.certFile.empty() != options.keyFile.empty()) {
+    std::cerr << "telvo collector: --cert and --key go together\n";
+    return kExitUsage;
+  }
+  if (!options.configDir.empty() && !std::filesystem::is_directory(options.configDir)) {
+    std::cerr << "telvo collector: --config-dir " << options.configDir << " is not a folder\n";
+    return kExitUsage;
+  }
+  std::filesystem::path dataDir =
+      options.dataDir.empty() ? defaultCollectorDataDir() : std::filesystem::path(options.dataDir);
+  std::error_code ec;
+  std::filesystem::create_directories(dataDir, ec);
+  if (ec) {
+    std::cerr << "telvo collector: cannot create " << dataDir.string() << ": " << ec.message()
+              << "\n";
+    return 1;
+  }
+
+  CollectorOptions server;
+  server.port = options.port;
+  server.throttle = options.throttle;
+  server.clockSkewMs = options.clockSkewMs;
+  server.maxBodyBytes = options.maxBody;
+  server.logRequests = !options.quiet;
+  if (!options.callback.empty()) server.callback = options.callback;
+  if (!options.setCookie.empty()) server.setCookie = options.setCookie;
+  if (!options.configDir.empty()) server.configDir = options.configDir;
+  if (!options.certFile.empty()) {
+    server.certFile = options.certFile;
+    server.keyFile = options.keyFile;
+  } else {
+    // Made once and kept, so that a client trusting it keeps working across
+    // restarts.
+    server.certFile = dataDir / "collector-cert.pem";
+    server.keyFile = dataDir / "collector-key.pem";
+    if (!certificateUsable(server.certFile, server.keyFile)) {
+      std::string error;
+      if (!writeSelfSignedCertificate(server.certFile.string(), server.keyFile.string(),
+                                      "127.0.0.1", &error)) {
+        std::cerr << "telvo collector: cannot make a certificate: " << error << "\n";
+        return 1;
+      }
+    }
+  }
+
+  std::string error;
+  auto store = CollectorStore::open(collectorDatabasePath(dataDir).string(),
+                                    CollectorStore::Mode::kReadWrite, &error);
+  if (!store) {
+    std::cerr << "telvo collector: " << error << "\n";
+    return 1;
+  }
+  if (!installStopSignals(&error)) {
+    std::cerr << "telvo collector: " << error << "\n";
+    return 1;
+  }
+  CollectorServer collector(server, *store);
+  if (!collector.bind(&error)) {
+    std::cerr << "telvo collector: " << error << "\n";
+    return 1;
+  }
+
+  bool served = true;
+  std::atomic<bool> finished{false};
+  std::thread serving([&] {
+    served = collector.serve();
+    finished = true;
+    onStopSignal(0);
+  });
+  std::cout << "telvo collector listening on " << collector.baseUrl() << " (config base "
+            << collector.baseUrl() << "/mdrv/telvo/config/, certificate "
+            << server.certFile.string() << ", data " << dataDir.string() << ")" << std::endl;
+  waitForStop();
+  // A stop that lands before the server has started listening is lost, so
+  // it is repeated until the serving thread has returned.
+  while (!finished) {
+    collector.stop();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  serving.join();
+  store.reset();
+  if (!served) {
+    std::cerr << "telvo collector: the server stopped unexpectedly\n";
+    return 1;
+  }
+  if (!options.quiet) std::cerr << "collector: stopped\n";
+  return 0;
+}
+
+const bool registered = registerCommand(50, [](CLI::App& app) {
+  auto* cmd = app.add_subcommand(
+      "collector", "Run a local HTTPS stand-in for the analytics service and configuration");
+  auto o = std::make_shared<CollectorCommandOptions>();
+  cmd->add_option("--port", o->port, "Port on 127.0.0.1 (0 picks a free one)")
+      ->capture_default_str();
+  cmd->add_option("--data", o->dataDir,
+                  "Data folder for collector.db and the certificate "
+                  "(default $TELVO_HOME/collector or ./.telvo/collector)");
+  cmd->add_option("--cert", o->certFile, "PEM certificate to serve (with --key)");
+  cmd->add_option("--key", o->keyFile, "PEM private key of --cert");
+  cmd->add_option("--config-dir", o->configDir,
+                  "Serve <DIR>/<app>/<site>/telvoanalytics.json instead of the built-in document");
+  cmd->add_flag("--throttle", o->throttle, "Answer every hello with \"throttled\": true");
+  cmd->add_option("--clock-skew", o->clockSkewMs,
+                  "Milliseconds added to the clock the hello answer carries");
+  cmd->add_option("--callback", o->callback, "Wrap the hello answer as NAME( ... );");
+  cmd->add_option("--set-cookie", o->setCookie, "Set-Cookie header sent with the hello answer");
+  cmd->add_option("--max-body", o->maxBody, "Largest request body accepted, in bytes")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  cmd->add_flag("--quiet", o->quiet, "No line per request on standard error");
+  return Command{cmd, [o] { return runCollector(*o); }};
+});
+
+}  // namespace
+}  // namespace telvo::tool

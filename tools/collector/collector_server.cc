@@ -1,0 +1,305 @@
+#include "collector/collector_server.h"
+
+#include <httplib.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+namespace telvo::tool {
+namespace {
+
+// Where the pre-routing handler keeps a request's Content-Encoding label.
+constexpr const char* kReceivedEncodingHeader = "X-Telvo-Received-Content-Encoding";
+constexpr const char* kDefaultConfigFile = "telvoanalytics.json";
+
+std::int64_t nowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+std::optional<std::string> header(const httplib::Request& req, const char* name) {
+  if (!req.has_header(name)) return std::nullopt;
+  return req.get_header_value(name);
+}
+
+void answerJson(httplib::Response& res, int status, const Json& body) {
+  res.status = status;
+  res.set_content(body.dump(), "application/json");
+}
+
+void answerError(httplib::Response& res, int status, const std::string& message) {
+  answerJson(res, status, Json{{"status", "error"}, {"message", message}});
+}
+
+bool isPlainSegment(const std::string& segment) {
+  return !segment.empty() && segment != "." && segment != ".." &&
+         segment.find('\0') == std::string::npos && segment.find('\\') == std::string::npos;
+}
+
+}  // namespace
+
+CollectorServer::CollectorServer(CollectorOptions options, CollectorStore& store)
+    : options_(std::move(options)), store_(store), random_(std::random_device{}()) {}
+
+CollectorServer::~CollectorServer() { stop(); }
+
+Json CollectorServer::defaultConfigDocument(const std::string& servicesUrl) {
+  return Json{{"default",
+               {{"enabled", true},
+                {"batchMode", "timer"},
+                {"batchModeAmount", "2"},
+                {"servicesUrl", servicesUrl},
+                {"batchApi", "/api/postEvent/batch"},
+                {"helloApi", "/api/hello"},
+                {"telvoUserIdEnabled", "true"}}},
+              {"count", {{"batchMode", 1}, {"batchAmount", 3}}}};
+}
+
+std::string CollectorServer::baseUrl() const {
+  return "https://" + options_.host + ":" + std::to_string(port_);
+}
+
+bool CollectorServer::bind(std::string* error) {
+  server_ =
+      std::make_unique<httplib::SSLServer>(options_.certFile.c_str(), options_.keyFile.c_str());
+  if (!server_->is_valid()) {
+    if (error) {
+      *error = "cannot load the certificate " + options_.certFile.string() + " and key " +
+               options_.keyFile.string();
+    }
+    return false;
+  }
+  server_->set_payload_max_length(options_.maxBodyBytes);
+  server_->set_read_timeout(5, 0);
+  installRoutes();
+  if (options_.port == 0) {
+    port_ = server_->bind_to_any_port(options_.host);
+    if (port_ < 0) port_ = 0;
+  } else {
+    port_ = server_->bind_to_port(options_.host, options_.port) ? options_.port : 0;
+  }
+  if (port_ == 0) {
+    if (error) {
+      *error = "cannot listen on " + options_.host + ":" + std::to_string(options_.port) +
+               " (in use, or not allowed)";
+    }
+    return false;
+  }
+  return true;
+}
+
+bool CollectorServer::serve() { return server_ && server_->listen_after_bind(); }
+
+void CollectorServer::stop() {
+  if (server_) server_->stop();
+}
+
+void CollectorServer::installRoutes() {
+  // httplib inflates any body labelled "Content-Encoding: gzip" before a
+  // handler sees it, and refuses the request when that fails. The library
+  // sends that label on Base64 text (a fixed convention of the envelope), so
+  // the label is moved aside here, before the body is read, and checked by
+  // the post handlers instead. The request object is httplib's own mutable
+  // one, handed to this hook as const.
+  server_->set_pre_routing_handler([](const httplib::Request& req, httplib::Response&) {
+    if (req.has_header("Content-Encoding")) {
+      auto& request = const_cast<httplib::Request&>(req);
+      std::string label = request.get_header_value("Content-Encoding");
+      request.headers.erase("Content-Encoding");
+      request.headers.emplace(kReceivedEncodingHeader, label);
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
+
+  server_->Get(
+      R"(/mdrv/telvo/config/([^/]+)/([^/]+)/([^/]+))",
+      [this](const httplib::Request& req, httplib::Response& res) { handleConfig(req, res); });
+  server_->Post("/api/hello", [this](const httplib::Request& req, httplib::Response& res) {
+    handlePost(PostKind::kHello, req, res);
+  });
+  server_->Post("/api/postEvent/batch.json",
+                [this](const httplib::Request& req, httplib::Response& res) {
+                  handlePost(PostKind::kBatch, req, res);
+                });
+  server_->Post("/api/postEvent/error",
+                [this](const httplib::Request& req, httplib::Response& res) {
+                  handlePost(PostKind::kError, req, res);
+                });
+
+  server_->set_error_handler(httplib::Server::HandlerWithResponse(
+      [this](const httplib::Request& req, httplib::Response& res) {
+        handleError(req, res);
+        return httplib::Server::HandlerResponse::Handled;
+      }));
+  server_->set_exception_handler(
+      [this](const httplib::Request& req, httplib::Response& res, std::exception_ptr ep) {
+        std::string what = "unknown exception";
+        try {
+          if (ep) std::rethrow_exception(ep);
+        } catch (const std::exception& e) {
+          what = e.what();
+        } catch (...) {
+        }
+        recordProblem(req, "collector failed on this request: " + what);
+        answerError(res, 500, "collector failed: " + what);
+      });
+  if (options_.logRequests) {
+    server_->set_logger([this](const httplib::Request& req, const httplib::Response& res) {
+      log(req.method + " " + req.path + " -> " + std::to_string(res.status));
+    });
+  }
+}
+
+void CollectorServer::handleConfig(const httplib::Request& req, httplib::Response& res) {
+  std::string app = req.matches[1];
+  std::string site = req.matches[2];
+  std::string file = req.matches[3];
+  if (!isPlainSegment(app) || !isPlainSegment(site) || !isPlainSegment(file)) {
+    recordProblem(req, "configuration path with an unusable segment");
+    answerError(res, 404, "no such configuration document");
+    return;
+  }
+  if (!options_.configDir) {
+    if (file != kDefaultConfigFile) {
+      recordProblem(req, "no configuration document named \"" + file +
+                             "\" (the built-in one is \"" + kDefaultConfigFile + "\")");
+      answerError(res, 404, "no such configuration document");
+      return;
+    }
+    answerJson(res, 200, defaultConfigDocument(baseUrl()));
+    return;
+  }
+  std::filesystem::path path = *options_.configDir / app / site / file;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    recordProblem(req, "no configuration document at " + path.string());
+    answerError(res, 404, "no such configuration document");
+    return;
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  std::string body = text.str();
+  if (!Json::accept(body)) {
+    // Served anyway: a broken document is a case a client must survive.
+    recordProblem(req, "configuration document " + path.string() + " is not valid JSON");
+  }
+  res.status = 200;
+  res.set_content(body, "application/json");
+}
+
+void CollectorServer::handlePost(PostKind kind, const httplib::Request& req,
+                                 httplib::Response& res) {
+  std::int64_t received = nowMs();
+  PostHeaders headers;
+  headers.contentType = header(req, "Content-Type");
+  headers.contentEncoding = header(req, kReceivedEncodingHeader);
+  headers.cookie = header(req, "Cookie");
+  CheckedPost checked =
+      PostChecker::check(kind, headers, req.body, received,
+                         [this](const std::string& id) { return store_.hasSession(id); });
+
+  RequestRecord record;
+  Json answer = Json{{"status", "ok"}};
+  if (kind == PostKind::kHello && checked.decoded) {
+    SessionRow session = std::move(checked.hello);
+    session.id = newSessionId();
+    session.serviceMs = received + options_.clockSkewMs;
+    session.throttled = options_.throttle;
+    answer = Json{{"sessionId", session.id},
+                  {"timestamp", session.serviceMs},
+                  {"throttled", session.throttled}};
+    record.session = std::move(session);
+  }
+  record.events = std::move(checked.events);
+  record.error = std::move(checked.error);
+  for (const std::string& problem : checked.problems) {
+    record.problems.push_back(ProblemRow{0, received, req.method, req.path, problem});
+    log("problem: " + problem);
+  }
+
+  std::string error;
+  if (!store_.record(record, &error)) {
+    log("cannot store " + req.path + ": " + error);
+    answerError(res, 500, "collector could not store the request: " + error);
+    return;
+  }
+  if (!checked.decoded) {
+    answerError(res, 400, checked.problems.empty() ? "bad envelope" : checked.problems.front());
+    return;
+  }
+  if (kind != PostKind::kHello) {
+    answerJson(res, 200, answer);
+    return;
+  }
+  res.status = 200;
+  if (options_.callback) {
+    res.set_content(*options_.callback + "(" + answer.dump() + ");", "application/javascript");
+  } else {
+    res.set_content(answer.dump(), "application/json");
+  }
+  if (options_.setCookie) res.set_header("Set-Cookie", *options_.setCookie);
+}
+
+void CollectorServer::handleError(const httplib::Request& req, httplib::Response& res) {
+  // Handlers that refuse a request set their own body and problem row; what
+  // arrives here bare was refused by httplib itself.
+  if (!res.body.empty()) return;
+  std::string description;
+  switch (res.status) {
+    case 404:
+      description = "unknown path";
+      break;
+    case 413:
+      description =
+          "body larger than the limit of " + std::to_string(options_.maxBodyBytes) + " bytes";
+      break;
+    case 414:
+      description = "request target too long";
+      break;
+    case 400:
+      description = "request could not be read (truncated body, bad request line or headers)";
+      break;
+    default:
+      description = "refused with status " + std::to_string(res.status);
+      break;
+  }
+  recordProblem(req, description);
+  answerError(res, res.status, description);
+}
+
+void CollectorServer::recordProblem(const httplib::Request& req, const std::string& description) {
+  log("problem: " + req.method + " " + req.path + ": " + description);
+  RequestRecord record;
+  record.problems.push_back(ProblemRow{0, nowMs(), req.method, req.path, description});
+  std::string error;
+  if (!store_.record(record, &error)) log("cannot store a problem: " + error);
+}
+
+std::string CollectorServer::newSessionId() {
+  std::uint64_t high, low;
+  {
+    std::lock_guard<std::mutex> lock(randomMutex_);
+    high = random_();
+    low = random_();
+  }
+  // A version 4 UUID: the version and variant bits are fixed.
+  high = (high & 0xFFFFFFFFFFFF0FFFULL) | 0x0000000000004000ULL;
+  low = (low & 0x3FFFFFFFFFFFFFFFULL) | 0x8000000000000000ULL;
+  char text[37];
+  std::snprintf(text, sizeof text, "%08x-%04x-%04x-%04x-%012llx", static_cast<unsigned>(high >> 32),
+                static_cast<unsigned>((high >> 16) & 0xFFFF), static_cast<unsigned>(high & 0xFFFF),
+                static_cast<unsigned>(low >> 48),
+                static_cast<unsigned long long>(low & 0xFFFFFFFFFFFFULL));
+  return text;
+}
+
+void CollectorServer::log(const std::string& line) const {
+  if (!options_.logRequests) return;
+  std::fprintf(stderr, "collector: %s\n", line.c_str());
+}
+
+}  // namespace telvo::tool

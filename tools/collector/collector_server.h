@@ -1,0 +1,98 @@
+// CollectorServer: the local stand-in for the analytics service and for the
+// configuration location, over HTTPS on a loopback address.
+//
+// Routes:
+//   GET  /mdrv/telvo/config/<app>/<site>/<file>  the configuration document:
+//        <configDir>/<app>/<site>/<file> when a folder is given, else the
+//        built-in document (defaultConfigDocument) for "telvoanalytics.json"
+//   POST /api/hello                   answers {"sessionId", "timestamp", "throttled"}
+//   POST /api/postEvent/batch.json    answers {"status":"ok"}
+//   POST /api/postEvent/error         answers {"status":"ok"}
+// Every post is checked (PostChecker) and stored (CollectorStore), its rows in
+// one transaction. An envelope that does not decode is answered 400; an
+// unknown path 404; a body over the size limit 413; a request that cannot be
+// read (truncated) 400. Each of these leaves a problem row, so a client's
+// mistakes are visible afterwards; the collector itself never stops for them.
+//
+// Threads: serve() blocks its caller while httplib answers requests on its
+// own worker threads; stop() may be called from any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+
+#include "collector/collector_store.h"
+#include "collector/post_checker.h"
+#include "telvo/types.h"
+
+namespace httplib {
+class SSLServer;
+struct Request;
+struct Response;
+}  // namespace httplib
+
+namespace telvo::tool {
+
+struct CollectorOptions {
+  std::string host = "127.0.0.1";
+  int port = 8443;  // 0 picks a free port (see CollectorServer::port())
+  std::filesystem::path certFile;
+  std::filesystem::path keyFile;
+  // Folder of configuration documents; nothing serves the built-in document.
+  std::optional<std::filesystem::path> configDir;
+  bool throttle = false;                 // the hello answer's "throttled"
+  std::int64_t clockSkewMs = 0;          // added to the hello answer's "timestamp"
+  std::optional<std::string> callback;   // wraps the hello answer as NAME( ... );
+  std::optional<std::string> setCookie;  // Set-Cookie header of the hello answer
+  std::size_t maxBodyBytes = 8 * 1024 * 1024;
+  bool logRequests = true;  // one line per request on standard error
+};
+
+class CollectorServer {
+ public:
+  // `store` must outlive the server.
+  CollectorServer(CollectorOptions options, CollectorStore& store);
+  ~CollectorServer();
+  CollectorServer(const CollectorServer&) = delete;
+  CollectorServer& operator=(const CollectorServer&) = delete;
+
+  // Loads the certificate and binds the port. False, with `*error` set, when
+  // either fails.
+  bool bind(std::string* error);
+  // The bound port (after bind()).
+  int port() const { return port_; }
+  // "https://127.0.0.1:<port>"
+  std::string baseUrl() const;
+  // Answers requests until stop(). False when the server could not run.
+  bool serve();
+  void stop();
+
+  // The document served when no configuration folder is given: a "default"
+  // section for timer batching every 2 seconds against this collector, and a
+  // "count" environment batching every 3 events.
+  static Json defaultConfigDocument(const std::string& servicesUrl);
+
+ private:
+  void installRoutes();
+  void handleConfig(const httplib::Request& req, httplib::Response& res);
+  void handlePost(PostKind kind, const httplib::Request& req, httplib::Response& res);
+  void handleError(const httplib::Request& req, httplib::Response& res);
+  void recordProblem(const httplib::Request& req, const std::string& description);
+  std::string newSessionId();
+  void log(const std::string& line) const;
+
+  CollectorOptions options_;
+  CollectorStore& store_;
+  std::unique_ptr<httplib::SSLServer> server_;
+  int port_ = 0;
+  std::mutex randomMutex_;
+  std::mt19937_64 random_;  // guarded by randomMutex_
+};
+
+}  // namespace telvo::tool

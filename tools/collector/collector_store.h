@@ -1,0 +1,127 @@
+// CollectorStore: the local collector's SQLite database (collector.db in the
+// collector's data folder).
+//
+// Four tables: sessions (one per hello answered, with the hello members),
+// events (one per element of a batch post), errors (one per error post) and
+// problems (every deviation from what a client should send, and every request
+// the collector could not take). Times are milliseconds since 1970: received
+// times on the collector's own clock, event and error times as the client
+// stamped them (the service clock, which includes any --clock-skew).
+//
+// The collector opens the database for writing in WAL mode, so that
+// `telvo events` can read it (read-only) while the collector runs. Each
+// record() call is one transaction: a request's rows are stored together or
+// not at all, and rows already committed are never touched again.
+//
+// Thread-safe: one connection, every call serialised by a mutex (the HTTPS
+// server answers on several threads).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace telvo::tool {
+
+struct SessionRow {
+  std::string id;
+  std::int64_t receivedMs = 0;
+  std::int64_t serviceMs = 0;  // the "timestamp" the hello answer carried
+  bool throttled = false;      // what the answer told the client
+  std::string helloJson;       // the decoded hello document (compact), "" when undecodable
+  std::optional<std::string> property, application, applicationVersion, platform, deviceType,
+      deviceVersion, clientDeviceId, deviceModel, uuidToken;
+  std::optional<std::string> cookie;  // the Cookie header the hello carried
+};
+
+struct EventRow {
+  std::int64_t id = 0;  // assigned by the database
+  std::string sessionId;
+  std::string type;
+  std::string dataJson;                 // eventData as compact JSON
+  std::optional<std::int64_t> eventMs;  // eventData's "timestamp", when a number
+  std::int64_t receivedMs = 0;
+};
+
+struct ErrorRow {
+  std::int64_t id = 0;
+  std::string sessionId;
+  std::optional<std::string> application;
+  std::string errorCodeJson;            // "errorCode" as compact JSON ("null" when absent)
+  std::optional<std::int64_t> errorMs;  // data's "timestamp", when a number
+  std::string dataJson;                 // the whole "data" object
+  std::int64_t receivedMs = 0;
+};
+
+struct ProblemRow {
+  std::int64_t id = 0;
+  std::int64_t receivedMs = 0;
+  std::string method;
+  std::string path;
+  std::string description;
+};
+
+// Everything one request leaves behind; stored in one transaction.
+struct RequestRecord {
+  std::optional<SessionRow> session;
+  std::vector<EventRow> events;
+  std::optional<ErrorRow> error;
+  std::vector<ProblemRow> problems;
+};
+
+// Selection for the listing calls: rows received at or after `sinceMs`;
+// `type` narrows events to one event type.
+struct StoreFilter {
+  std::optional<std::int64_t> sinceMs;
+  std::optional<std::string> type;
+};
+
+class CollectorStore {
+ public:
+  enum class Mode { kReadWrite, kReadOnly };
+
+  // Opens (kReadWrite: creates when missing, switches to WAL, creates the
+  // tables) the database at `path`. Nothing, with `*error` set to one line,
+  // when it cannot be opened.
+  static std::unique_ptr<CollectorStore> open(const std::string& path, Mode mode,
+                                              std::string* error);
+  ~CollectorStore();
+  CollectorStore(const CollectorStore&) = delete;
+  CollectorStore& operator=(const CollectorStore&) = delete;
+
+  // Stores the rows of one request in one transaction. False, with `*error`
+  // set, when the transaction failed and was rolled back.
+  bool record(const RequestRecord& rows, std::string* error);
+
+  // Whether a hello has been answered with session id `id` (at any time,
+  // including before a restart).
+  bool hasSession(const std::string& id);
+
+  std::vector<SessionRow> sessions(const StoreFilter& filter);
+  std::vector<EventRow> events(const StoreFilter& filter);
+  std::vector<ErrorRow> errors(const StoreFilter& filter);
+  std::vector<ProblemRow> problems(const StoreFilter& filter);
+
+ private:
+  explicit CollectorStore(sqlite3* db);
+  bool prepareWriters(std::string* error);
+  bool insertRows(const RequestRecord& rows, std::string* error);
+  bool exec(const char* sql, std::string* error);
+
+  std::mutex mutex_;
+  sqlite3* db_;
+  // Prepared once, reused for every request (read-write mode only).
+  sqlite3_stmt* insertSession_ = nullptr;
+  sqlite3_stmt* insertEvent_ = nullptr;
+  sqlite3_stmt* insertError_ = nullptr;
+  sqlite3_stmt* insertProblem_ = nullptr;
+  sqlite3_stmt* findSession_ = nullptr;
+};
+
+}  // namespace telvo::tool
