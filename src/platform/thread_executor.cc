@@ -168,7 +168,10 @@ void ThreadExecutor::Core::run() {
     if (timers.empty()) {
       wake.wait(lock);
     } else {
-      wake.wait_until(lock, timers.top().due);
+      // A copy: the wait reads its deadline again after waking, when a timer
+      // scheduled meanwhile may have moved the queue's storage.
+      const auto due = timers.top().due;
+      wake.wait_until(lock, due);
     }
     sleeping = false;
   }
