@@ -1,6 +1,7 @@
 #include "telvo/base64.h"
 
 #include <array>
+#include <cstring>
 
 #include "encoding/base64_detail.h"
 #include "encoding/utf8.h"
@@ -38,13 +39,25 @@ constexpr std::array<std::uint8_t, 256> makeByteTable() {
 }
 constexpr std::array<std::uint8_t, 256> kByteTable = makeByteTable();
 
+// Every 12-bit value as its two alphabet characters: one lookup per half group.
+struct CharPairs {
+  char pair[4096][2];
+};
+constexpr CharPairs makeCharPairs() {
+  CharPairs table{};
+  for (unsigned v = 0; v < 4096; ++v) {
+    table.pair[v][0] = kAlphabet[v >> 6];
+    table.pair[v][1] = kAlphabet[v & 63];
+  }
+  return table;
+}
+constexpr CharPairs kCharPairs = makeCharPairs();
+
 inline std::uint8_t* encodeGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out) {
   for (std::size_t g = 0; g < groups; ++g, in += 3, out += 4) {
     const std::uint32_t v = (std::uint32_t{in[0]} << 16) | (std::uint32_t{in[1]} << 8) | in[2];
-    out[0] = kAlphabet[v >> 18];
-    out[1] = kAlphabet[(v >> 12) & 63];
-    out[2] = kAlphabet[(v >> 6) & 63];
-    out[3] = kAlphabet[v & 63];
+    std::memcpy(out, kCharPairs.pair[v >> 12], 2);
+    std::memcpy(out + 2, kCharPairs.pair[v & 0xFFF], 2);
   }
   return out;
 }

@@ -68,10 +68,22 @@ std::optional<Bytes> buildTelvoJsonParameter(std::string_view json) {
   try {
     const std::size_t plainLength = kParameterPrefix.size() + json.size();
     const uLong bound = compressBound(plainLength);
-    // One uninitialised block holds the parameter text and the compressed
-    // form; only the Base64 text ends up in the result.
-    std::unique_ptr<Bytef[]> scratch(new Bytef[plainLength + bound]);
-    Bytef* const plain = scratch.get();
+    // One block holds the parameter text and the compressed form; only the
+    // Base64 text ends up in the result. Bodies of ordinary size reuse a
+    // per-thread block: a fresh one per call costs page faults each time the
+    // allocator hands memory back to the system, which for small bodies is a
+    // sizeable share of the compression time itself.
+    constexpr std::size_t kKeptScratch = 1 << 20;
+    thread_local std::unique_ptr<Bytef[]> kept;
+    std::unique_ptr<Bytef[]> oneOff;
+    Bytef* plain;
+    if (plainLength + bound <= kKeptScratch) {
+      if (!kept) kept.reset(new Bytef[kKeptScratch]);
+      plain = kept.get();
+    } else {
+      oneOff.reset(new Bytef[plainLength + bound]);
+      plain = oneOff.get();
+    }
     Bytef* const packed = plain + plainLength;
     std::memcpy(plain, kParameterPrefix.data(), kParameterPrefix.size());
     if (!json.empty()) std::memcpy(plain + kParameterPrefix.size(), json.data(), json.size());
