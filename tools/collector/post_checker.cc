@@ -17,19 +17,19 @@ std::string compact(const Json& value) {
 const char* layerName(DecodedEnvelope::Failure failure) {
   switch (failure) {
     case DecodedEnvelope::Failure::kBase64:
-      return "not Base64";
+      return "envelope is not Base64";
     case DecodedEnvelope::Failure::kZlib:
-      return "not a zlib stream";
+      return "envelope is not a zlib stream";
     case DecodedEnvelope::Failure::kUtf8:
-      return "not UTF-8 text";
+      return "envelope is not UTF-8 text";
     case DecodedEnvelope::Failure::kPrefix:
-      return "no \"telvoJson=\" prefix";
+      return "envelope has no \"telvoJson=\" prefix";
     case DecodedEnvelope::Failure::kJson:
-      return "not JSON";
+      return "envelope is not JSON";
     case DecodedEnvelope::Failure::kNone:
       break;
   }
-  return "valid";
+  return "envelope is valid";
 }
 
 // A whole number of milliseconds from a JSON number; nothing for anything
@@ -262,7 +262,7 @@ CheckedPost PostChecker::check(PostKind kind, const PostHeaders& headers, std::s
     envelope.message = e.what();
   }
   if (!envelope.ok()) {
-    std::string text = std::string(label) + "envelope is " + layerName(envelope.failure);
+    std::string text = std::string(label) + layerName(envelope.failure);
     if (!envelope.message.empty()) text += " (" + envelope.message + ")";
     out.problems.push_back(std::move(text));
     return out;
