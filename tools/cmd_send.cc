@@ -150,6 +150,9 @@ int runSend(const SendOptions& options) {
   auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                      std::chrono::duration<double>(options.timeout));
   while (!client->isInitialized() && Clock::now() < deadline) {
+    // A configuration that disables reporting is final for the client.
+    auto master = client->masterConfig();
+    if (master && !master->enabled()) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   if (!client->isInitialized()) {

@@ -66,18 +66,36 @@ inline std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds timeo
   }
 }
 
-inline pid_t spawnTool(const std::vector<std::string>& args, int stdoutFd, int stderrFd) {
-  std::vector<std::string> argv{TELVO_TOOL_PATH};
+// Starts `program args...` with standard output and error on the given
+// descriptors and `extraEnv` ("NAME=value") added to this process's
+// environment (replacing entries of the same name).
+inline pid_t spawnProgram(const std::string& program, const std::vector<std::string>& args,
+                          int stdoutFd, int stderrFd,
+                          const std::vector<std::string>& extraEnv = {}) {
+  std::vector<std::string> argv{program};
   argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> raw;
-  for (auto& a : argv) raw.push_back(a.data());
-  raw.push_back(nullptr);
+  std::vector<char*> rawArgs;
+  for (auto& a : argv) rawArgs.push_back(a.data());
+  rawArgs.push_back(nullptr);
+  std::vector<std::string> env = extraEnv;
+  for (char** e = environ; *e; ++e) {
+    std::string entry = *e;
+    std::string name = entry.substr(0, entry.find('='));
+    bool replaced = false;
+    for (const auto& extra : extraEnv) replaced = replaced || extra.rfind(name + "=", 0) == 0;
+    if (!replaced) env.push_back(entry);
+  }
+  std::vector<char*> rawEnv;
+  for (auto& e : env) rawEnv.push_back(e.data());
+  rawEnv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, stdoutFd, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, stderrFd, STDERR_FILENO);
   pid_t pid = -1;
-  if (posix_spawn(&pid, raw[0], &actions, nullptr, raw.data(), environ) != 0) pid = -1;
+  if (posix_spawn(&pid, rawArgs[0], &actions, nullptr, rawArgs.data(), rawEnv.data()) != 0) {
+    pid = -1;
+  }
   posix_spawn_file_actions_destroy(&actions);
   return pid;
 }
@@ -88,15 +106,16 @@ struct ToolResult {
   std::string err;
 };
 
-// Runs `telvo <args>` to completion (killed after `timeout`).
-inline ToolResult runTool(const std::vector<std::string>& args,
-                          std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+// Runs `program args...` to completion (killed after `timeout`).
+inline ToolResult runProgram(const std::string& program, const std::vector<std::string>& args,
+                             const std::vector<std::string>& extraEnv = {},
+                             std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
   TempDir scratch;
   std::string outPath = scratch.file("out"), errPath = scratch.file("err");
   int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   ToolResult result;
-  pid_t pid = spawnTool(args, out, err);
+  pid_t pid = spawnProgram(program, args, out, err, extraEnv);
   close(out);
   close(err);
   if (pid > 0) {
@@ -110,6 +129,13 @@ inline ToolResult runTool(const std::vector<std::string>& args,
   result.out = readFile(outPath);
   result.err = readFile(errPath);
   return result;
+}
+
+// Runs `telvo <args>` to completion.
+inline ToolResult runTool(const std::vector<std::string>& args,
+                          const std::vector<std::string>& extraEnv = {},
+                          std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+  return runProgram(TELVO_TOOL_PATH, args, extraEnv, timeout);
 }
 
 // `telvo collector --port 0 --quiet --data <dir> <extra>` as a child.
@@ -134,7 +160,7 @@ class CollectorProcess {
     int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
     std::vector<std::string> args{"collector", "--port", "0", "--quiet", "--data", dataDir};
     args.insert(args.end(), extra.begin(), extra.end());
-    pid_ = spawnTool(args, pipeFds[1], devNull);
+    pid_ = spawnProgram(TELVO_TOOL_PATH, args, pipeFds[1], devNull);
     close(pipeFds[1]);
     close(devNull);
     stdout_ = pipeFds[0];

@@ -1,0 +1,185 @@
+// The whole path with real parts: the collector on a free loopback port,
+// `telvo send` and the example host as clients, and the rows they leave.
+// Every child runs with its own TELVO_HOME, so the client's cookie and device
+// identifier stay in the test's folder.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+
+#include "telvo/types.h"
+#include "tools/collector_process.h"
+
+namespace telvo {
+namespace {
+
+using testing::CollectorProcess;
+using testing::runProgram;
+using testing::runTool;
+using testing::TempDir;
+using testing::ToolResult;
+
+constexpr std::int64_t kSkewMs = 250000;
+
+class DemoEndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(std::string(TELVO_TOOL_PATH).empty()) << "the telvo tool is not built";
+    env_ = {"TELVO_HOME=" + dir_.file("home")};
+  }
+
+  void start(const std::vector<std::string>& extra) {
+    ASSERT_TRUE(collector_.start(dir_.file("data"), extra)) << "collector did not start";
+  }
+
+  ToolResult send(const std::string& configBase, const std::string& app,
+                  const std::vector<std::string>& extra, const std::string& timeout = "10") {
+    std::vector<std::string> args{"send",
+                                  "--config-base",
+                                  configBase,
+                                  "--app",
+                                  app,
+                                  "--site",
+                                  "lab",
+                                  "--app-version",
+                                  "2.0",
+                                  "--platform",
+                                  "linux",
+                                  "--property",
+                                  "cli",
+                                  "--environment",
+                                  "count",
+                                  "--cacert",
+                                  collector_.certificatePath(),
+                                  "--timeout",
+                                  timeout};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return runTool(args, env_);
+  }
+
+  std::string configBase() const { return collector_.baseUrl() + "/mdrv/telvo/config/"; }
+
+  Json stored() {
+    auto result = runTool({"events", "--json", "--data", dir_.file("data")});
+    EXPECT_EQ(result.status, 0) << result.err;
+    return Json::parse(result.out, nullptr, false);
+  }
+
+  TempDir dir_;
+  std::vector<std::string> env_;
+  CollectorProcess collector_;
+};
+
+// Rows stamped by a client carry the service's clock: the collector's own
+// clock at arrival plus the skew it announced, less the little time in flight.
+void expectServiceTime(const Json& row, const char* field) {
+  ASSERT_TRUE(row[field].is_number_integer()) << row.dump();
+  std::int64_t offset = row[field].get<std::int64_t>() - row["received"].get<std::int64_t>();
+  EXPECT_GE(offset, kSkewMs - 5000) << row.dump();
+  EXPECT_LE(offset, kSkewMs + 50) << row.dump();
+}
+
+TEST_F(DemoEndToEndTest, SendAndExampleHostArriveWhole) {
+  start({"--clock-skew", std::to_string(kSkewMs), "--set-cookie", "telvoUUID=cafe; Path=/"});
+
+  auto sent = send(configBase(), "demo",
+                   {"--event", R"(play={"title":"Intro"})", "--event", "pause", "--error",
+                    R"(E42={"where":"player"})"});
+  ASSERT_EQ(sent.status, 0) << sent.out << sent.err;
+
+  Json rows = stored();
+  ASSERT_EQ(rows["sessions"].size(), 1u);
+  const Json& session = rows["sessions"][0];
+  EXPECT_EQ(session["hello"]["propertyName"], "cli");
+  EXPECT_EQ(session["hello"]["applicationVersion"], "2.0");
+  EXPECT_TRUE(session["cookie"].is_null());  // the first hello has nothing to send back
+  ASSERT_EQ(rows["events"].size(), 2u);
+  EXPECT_EQ(rows["events"][0]["eventType"], "play");
+  EXPECT_EQ(rows["events"][0]["eventData"]["title"], "Intro");
+  expectServiceTime(rows["events"][0], "eventTime");
+  EXPECT_EQ(rows["events"][1]["eventType"], "pause");
+  EXPECT_EQ(rows["events"][1]["eventData"], (Json{{"applicationName", "demo"}}));
+  for (const auto& event : rows["events"]) EXPECT_EQ(event["sessionId"], session["sessionId"]);
+  ASSERT_EQ(rows["errors"].size(), 1u);
+  EXPECT_EQ(rows["errors"][0]["errorCode"], "E42");
+  EXPECT_EQ(rows["errors"][0]["data"]["where"], "player");
+  EXPECT_EQ(rows["errors"][0]["sessionId"], session["sessionId"]);
+  expectServiceTime(rows["errors"][0], "errorTime");
+  EXPECT_TRUE(rows["problems"].empty()) << rows["problems"].dump();
+
+  if (std::string(TELVO_EXAMPLE_PATH).empty()) GTEST_SKIP() << "the example host is not built";
+  auto host = runProgram(TELVO_EXAMPLE_PATH,
+                         {"--config-base", configBase(), "--app", "demo", "--site", "lab",
+                          "--cacert", collector_.certificatePath(), "--timeout", "20"},
+                         env_, std::chrono::seconds(60));
+  ASSERT_EQ(host.status, 0) << host.out << host.err;
+
+  rows = stored();
+  ASSERT_EQ(rows["sessions"].size(), 3u);
+  std::set<std::string> hostSessions;
+  for (std::size_t i = 1; i < 3; ++i) {
+    const Json& s = rows["sessions"][i];
+    hostSessions.insert(s["sessionId"].get<std::string>());
+    EXPECT_EQ(s["hello"]["propertyName"], "example");
+    // The cookie the collector set on the first hello comes back on later ones.
+    ASSERT_TRUE(s["cookie"].is_string()) << s.dump();
+    EXPECT_NE(s["cookie"].get<std::string>().find("telvoUUID=cafe"), std::string::npos);
+  }
+  std::multiset<std::string> types;
+  for (std::size_t i = 2; i < rows["events"].size(); ++i) {
+    const Json& event = rows["events"][i];
+    types.insert(event["eventType"].get<std::string>());
+    EXPECT_TRUE(hostSessions.count(event["sessionId"].get<std::string>())) << event.dump();
+    expectServiceTime(event, "eventTime");
+  }
+  EXPECT_EQ(types, (std::multiset<std::string>{"page_view", "page_view", "page_view", "play",
+                                               "purchase", "error", "pause", "stop"}));
+  ASSERT_EQ(rows["errors"].size(), 2u);
+  EXPECT_EQ(rows["errors"][1]["errorCode"], "E42");
+  EXPECT_TRUE(hostSessions.count(rows["errors"][1]["sessionId"].get<std::string>()));
+  EXPECT_TRUE(rows["problems"].empty()) << rows["problems"].dump();
+}
+
+TEST_F(DemoEndToEndTest, SendSaysWhyTheClientDidNotStart) {
+  std::string configDir = dir_.file("config");
+  auto write = [&](const std::string& app, const Json& section) {
+    std::filesystem::create_directories(configDir + "/" + app + "/lab");
+    std::ofstream(configDir + "/" + app + "/lab/telvoanalytics.json")
+        << Json{{"default", section}}.dump();
+  };
+  write("off", {{"enabled", false}});
+  start({"--config-dir", configDir});
+  // Written after the start, once the port is known: a hello path the
+  // collector does not answer with a session.
+  write("nohello", {{"enabled", true},
+                    {"servicesUrl", collector_.baseUrl()},
+                    {"helloApi", "/api/nohello"},
+                    {"batchMode", "timer"},
+                    {"batchModeAmount", "2"}});
+
+  auto disabled = send(configBase(), "off", {"--event", "x"}, "3");
+  EXPECT_EQ(disabled.status, 1);
+  EXPECT_NE(disabled.err.find("reporting disabled"), std::string::npos) << disabled.err;
+
+  auto noSession = send(configBase(), "nohello", {"--event", "x"}, "2");
+  EXPECT_EQ(noSession.status, 1);
+  EXPECT_NE(noSession.err.find("no session id"), std::string::npos) << noSession.err;
+
+  auto unreachable = send("https://127.0.0.1:1/mdrv/telvo/config/", "off", {}, "2");
+  EXPECT_EQ(unreachable.status, 1);
+  EXPECT_NE(unreachable.err.find("configuration unreachable"), std::string::npos)
+      << unreachable.err;
+
+  auto badEvent = send(configBase(), "off", {"--event", "x=[1]"});
+  EXPECT_EQ(badEvent.status, 2);
+  EXPECT_NE(badEvent.err.find("JSON object"), std::string::npos) << badEvent.err;
+
+  EXPECT_TRUE(stored()["events"].empty());
+}
+
+}  // namespace
+}  // namespace telvo
