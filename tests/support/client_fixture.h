@@ -71,6 +71,10 @@ struct VirtualPlatform {
     Device::setCurrentDevice(device);
   }
   ~VirtualPlatform() {
+    // Queued work and unanswered requests hold their clients, which hold the
+    // queues and the transport: run the one and drop the other.
+    settle();
+    transport->clear();
     setMainQueue(nullptr);
     setBackgroundQueue(nullptr);
     Clock::setDefaultClock(nullptr);
