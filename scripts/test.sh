@@ -13,6 +13,7 @@ jobs="$(nproc)"
 
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DTELVO_SANITIZE="$sanitize" -DTELVO_WERROR="${TELVO_WERROR:-OFF}" \
+  -DTELVO_BUILD_TESTS=ON -DTELVO_BUILD_TOOLS=ON \
   -DTELVO_BUILD_BENCH="$([ -z "$sanitize" ] && echo ON || echo OFF)" >/dev/null
 cmake --build "$build" -j "$jobs"
 
