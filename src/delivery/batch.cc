@@ -1,7 +1,7 @@
 // The batch timer and the flush.
 #include <algorithm>
 
-#include "core/batch_payload.h"
+#include "delivery/batch_payload.h"
 #include "core/json_text.h"
 #include "telvo/envelope.h"
 #include "telvo/log.h"

@@ -1,4 +1,4 @@
-#include "core/batch_payload.h"
+#include "delivery/batch_payload.h"
 
 #include "core/json_text.h"
 
