@@ -221,6 +221,17 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
   void handleHello(const std::optional<Json>& result);
   // Background queue: the body of sendError.
   void postErrorReport(const Json& code, const std::optional<Json>& details);
+  // A POST of `json` in the envelope to `address` (upgraded to https), with
+  // the two content headers, no cached data and a 30 s time-out: the
+  // conventions every hello, batch post and error post shares.
+  static URLRequest envelopeRequest(const std::string& address, std::string_view json);
+  // The fields a background job reads, taken together under the lock.
+  struct Snapshot {
+    std::shared_ptr<const TelvoConfig> config;
+    std::shared_ptr<const TelvoMasterConfig> master;
+    std::shared_ptr<const Json> session;
+  };
+  Snapshot snapshot() const;
   // round(now * 1000) - timeStampDelta, on the service's clock.
   double serviceMilliseconds() const;
   void setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master);

@@ -79,14 +79,9 @@ void Telvo::sendHello() {
   HTTPCookieStorage::sharedHTTPCookieStorage().setCookieAcceptPolicy(
       HTTPCookieAcceptPolicy::Always);
 
-  URLRequest request(URLWithURLStringConversion(core::textOrNull(master->servicesUrl()) +
-                                                core::textOrNull(master->helloApi())),
-                     kRequestCachePolicy, kRequestTimeout);
-  request.HTTPMethod = "POST";
-  request.setValue(kEnvelopeContentType, "Content-Type");
-  request.setValue(kEnvelopeContentEncoding, "Content-Encoding");
+  URLRequest request = envelopeRequest(
+      core::textOrNull(master->servicesUrl()) + core::textOrNull(master->helloApi()), json);
   request.HTTPShouldHandleCookies = true;
-  request.HTTPBody = buildTelvoJsonParameter(json);
 
   if (auto stored = _userDefaults->objectForKey(TelvoUUIDCookieKey)) {
     if (auto cookie = HTTPCookie::cookieWithProperties(*stored)) {

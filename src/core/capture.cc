@@ -37,15 +37,7 @@ void Telvo::drainPendingEvents() {
     // From here on a new call schedules a new drain, which runs after this one.
     _drainScheduled = false;
   }
-  std::shared_ptr<const TelvoConfig> config;
-  std::shared_ptr<const TelvoMasterConfig> master;
-  std::shared_ptr<const Json> session;
-  {
-    std::lock_guard<std::mutex> lock(_mutex);
-    config = _config;
-    master = _masterConfig;
-    session = _sessionID;
-  }
+  const auto [config, master, session] = snapshot();
   for (auto& event : pending) {
     try {
       captureEvent(event, config, master, session);

@@ -29,15 +29,7 @@ void Telvo::sendError(Json code, std::optional<Json> details) {
 }
 
 void Telvo::postErrorReport(const Json& code, const std::optional<Json>& details) {
-  std::shared_ptr<const TelvoConfig> currentConfig;
-  std::shared_ptr<const TelvoMasterConfig> master;
-  std::shared_ptr<const Json> session;
-  {
-    std::lock_guard<std::mutex> lock(_mutex);
-    currentConfig = _config;
-    master = _masterConfig;
-    session = _sessionID;
-  }
+  const auto [currentConfig, master, session] = snapshot();
   if (!currentConfig || !currentConfig->appName()) {
     log("Telvo: error report dropped: the configuration has no appName");
     return;
@@ -57,14 +49,9 @@ void Telvo::postErrorReport(const Json& code, const std::optional<Json>& details
 
   std::optional<std::string> servicesUrl;
   if (master) servicesUrl = master->servicesUrl();
-  URLRequest request(
-      URLWithURLStringConversion(core::textOrNull(servicesUrl) + "/api/postEvent/error"),
-      kRequestCachePolicy, kRequestTimeout);
-  request.HTTPMethod = "POST";
-  request.setValue(kEnvelopeContentType, "Content-Type");
-  request.setValue(kEnvelopeContentEncoding, "Content-Encoding");
-  request.HTTPBody = buildTelvoJsonParameter(json);
-  _transport->sendRequest(std::move(request), 3, shared_from_this());
+  _transport->sendRequest(
+      envelopeRequest(core::textOrNull(servicesUrl) + "/api/postEvent/error", json), 3,
+      shared_from_this());
 }
 
 }  // namespace telvo

@@ -101,6 +101,20 @@ double Telvo::serviceMilliseconds() const {
   return std::round(_clock->now() * 1000.0) - _timeStampDelta.load(std::memory_order_relaxed);
 }
 
+URLRequest Telvo::envelopeRequest(const std::string& address, std::string_view json) {
+  URLRequest request(URLWithURLStringConversion(address), kRequestCachePolicy, kRequestTimeout);
+  request.HTTPMethod = "POST";
+  request.setValue(kEnvelopeContentType, "Content-Type");
+  request.setValue(kEnvelopeContentEncoding, "Content-Encoding");
+  request.HTTPBody = telvo::buildTelvoJsonParameter(json);
+  return request;
+}
+
+Telvo::Snapshot Telvo::snapshot() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return Snapshot{_config, _masterConfig, _sessionID};
+}
+
 std::shared_ptr<const Json> Telvo::sessionPointer() const {
   std::lock_guard<std::mutex> lock(_mutex);
   return _sessionID;

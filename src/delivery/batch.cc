@@ -111,14 +111,9 @@ void Telvo::flushNow() {
     servicesUrl = master->servicesUrl();
     batchApi = master->batchApi();
   }
-  URLRequest request(URLWithURLStringConversion(core::textOrNull(servicesUrl) +
-                                                core::textOrNull(batchApi) + ".json"),
-                     kRequestCachePolicy, kRequestTimeout);
-  request.HTTPMethod = "POST";
-  request.setValue(kEnvelopeContentType, "Content-Type");
-  request.setValue(kEnvelopeContentEncoding, "Content-Encoding");
-  request.HTTPBody = buildTelvoJsonParameter(payload);
-  _transport->sendRequest(std::move(request), 3, shared_from_this());
+  _transport->sendRequest(
+      envelopeRequest(core::textOrNull(servicesUrl) + core::textOrNull(batchApi) + ".json", payload),
+      3, shared_from_this());
 }
 
 }  // namespace telvo
