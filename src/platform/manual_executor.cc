@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/callback_timer.h"
 #include "telvo/log.h"
 
 namespace telvo {
@@ -15,41 +16,18 @@ namespace {
 // timer due at exactly the end of an advance fires in it.
 constexpr double kTimeTolerance = 1e-9;
 
-class ManualTimer : public Timer {
+class ManualTimer : public CallbackTimer {
  public:
   ManualTimer(double interval, double start, std::function<void()> fire)
-      : interval_(interval >= kMinimumTimerInterval ? interval : kMinimumTimerInterval),
-        start_(start),
-        fire_(std::make_shared<std::function<void()>>(std::move(fire))) {}
-
-  void invalidate() override {
-    std::shared_ptr<std::function<void()>> released;
-    std::lock_guard<std::mutex> lock(mutex_);
-    valid_ = false;
-    released = std::move(fire_);
-  }
-  bool isValid() const override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return valid_;
-  }
-  double timeInterval() const override { return interval_; }
-
-  std::shared_ptr<std::function<void()>> callback() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return fire_;
-  }
+      : CallbackTimer(interval, std::move(fire)), start_(start) {}
 
   // Computed from the start rather than summed, so rounding does not drift.
-  double nextDue() const { return start_ + static_cast<double>(firings_ + 1) * interval_; }
+  double nextDue() const { return start_ + static_cast<double>(firings_ + 1) * timeInterval(); }
   void fired() { ++firings_; }  // only under the executor's lock
 
  private:
-  const double interval_;
   const double start_;
   std::uint64_t firings_ = 0;
-  mutable std::mutex mutex_;
-  bool valid_ = true;
-  std::shared_ptr<std::function<void()>> fire_;
 };
 
 void runGuarded(const std::function<void()>& work) {

@@ -16,17 +16,13 @@
 #include <utility>
 #include <vector>
 
+#include "platform/callback_timer.h"
 #include "telvo/log.h"
 
 namespace telvo {
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
-
-double flooredInterval(double interval) {
-  // Written so that NaN also takes the floor.
-  return interval >= kMinimumTimerInterval ? interval : kMinimumTimerInterval;
-}
 
 // Saturates at about thirty years so that a huge interval cannot overflow
 // the clock's integer representation.
@@ -36,43 +32,7 @@ SteadyClock::duration toDuration(double seconds) {
       std::chrono::duration<double>(seconds < kLongest ? seconds : kLongest));
 }
 
-class ThreadTimer : public Timer {
- public:
-  ThreadTimer(double interval, std::function<void()> fire)
-      : interval_(flooredInterval(interval)),
-        fire_(std::make_shared<std::function<void()>>(std::move(fire))) {}
-
-  void invalidate() override {
-    std::shared_ptr<std::function<void()>> released;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      valid_ = false;
-      released = std::move(fire_);
-    }
-    // The callback (and whatever it captured) is destroyed here, outside the
-    // lock, unless a firing under way still holds it.
-  }
-
-  bool isValid() const override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return valid_;
-  }
-
-  double timeInterval() const override { return interval_; }
-
-  // The callback to run for one firing, or null once invalidated. The caller
-  // holds its own reference, so invalidating during the firing is safe.
-  std::shared_ptr<std::function<void()>> callback() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return fire_;
-  }
-
- private:
-  const double interval_;
-  mutable std::mutex mutex_;
-  bool valid_ = true;
-  std::shared_ptr<std::function<void()>> fire_;
-};
+using ThreadTimer = CallbackTimer;
 
 struct TimerEntry {
   SteadyClock::time_point due;
