@@ -1,8 +1,8 @@
 // The batch timer and the flush.
 #include <algorithm>
 
-#include "delivery/batch_payload.h"
 #include "core/json_text.h"
+#include "delivery/batch_payload.h"
 #include "telvo/envelope.h"
 #include "telvo/log.h"
 #include "telvo/notification_center.h"
@@ -112,7 +112,8 @@ void Telvo::flushNow() {
     batchApi = master->batchApi();
   }
   _transport->sendRequest(
-      envelopeRequest(core::textOrNull(servicesUrl) + core::textOrNull(batchApi) + ".json", payload),
+      envelopeRequest(core::textOrNull(servicesUrl) + core::textOrNull(batchApi) + ".json",
+                      payload),
       3, shared_from_this());
 }
 
