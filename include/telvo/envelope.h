@@ -25,8 +25,12 @@ inline constexpr double kRequestTimeout = 30.0;  // seconds
 
 namespace telvo {
 
-// The reverse, for receivers and tools: Base64-decode, inflate, strip the
-// "telvoJson=" prefix, parse. `failure` names the first layer that failed.
+// The reverse, for receivers and tools: Base64-decode (tolerantly), inflate,
+// check UTF-8, strip the "telvoJson=" prefix, parse. `failure` names the first
+// layer that failed and `message` says why in one line starting with the
+// layer's name ("base64:", "zlib:", "utf-8:", "prefix:", "json:"). Unlike
+// dataWithCompressedData, a zlib stream cut short is a kZlib failure. Never
+// throws; any thread.
 struct DecodedEnvelope {
   enum class Failure { kNone, kBase64, kZlib, kUtf8, kPrefix, kJson };
   Failure failure = Failure::kNone;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <new>
 
 #include "encoding/base64_detail.h"
 #include "encoding/utf8.h"
@@ -137,7 +138,12 @@ std::optional<std::string> base64EncodedString(const Bytes& bytes) {
 std::optional<Bytes> dataWithBase64EncodedString(std::string_view text) {
   const auto* p = reinterpret_cast<const std::uint8_t*>(text.data());
   const auto* const end = p + text.size();
-  Bytes data((text.size() / 4) * 3 + 3);
+  Bytes data;
+  try {
+    data.resize((text.size() / 4) * 3 + 3);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
   std::uint8_t* out = data.data();
   std::uint8_t s[4];
   unsigned j = 0;

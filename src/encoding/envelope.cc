@@ -25,7 +25,7 @@ InflateResult inflateWhole(const Bytes& packed, std::string& plain) {
   z_stream zs{};
   if (inflateInit(&zs) != Z_OK) return InflateResult::kNotZlib;
   std::unique_ptr<z_stream, int (*)(z_stream*)> guard(&zs, inflateEnd);
-  // Bodies far beyond 4 GiB do not occur; feed in slices all the same.
+  // zlib counts in 32 bits; larger bodies go through in slices.
   const Bytef* next = packed.data();
   std::size_t left = packed.size();
   plain.resize(packed.size() * 4 + 64);
@@ -105,7 +105,14 @@ DecodedEnvelope decodeTelvoJsonParameter(std::string_view body) {
                                         std::to_string(body.size()) + " bytes read)");
   }
   std::string plain;
-  switch (inflateWhole(*packed, plain)) {
+  InflateResult inflated;
+  try {
+    inflated = inflateWhole(*packed, plain);
+  } catch (const std::exception&) {
+    return failed(Failure::kZlib,
+                  "zlib: out of memory inflating " + std::to_string(packed->size()) + " bytes");
+  }
+  switch (inflated) {
     case InflateResult::kOk:
       break;
     case InflateResult::kNotZlib:
@@ -126,7 +133,7 @@ DecodedEnvelope decodeTelvoJsonParameter(std::string_view body) {
   result.json = plain.substr(kParameterPrefix.size());
   try {
     result.document = Json::parse(result.json);
-  } catch (const Json::exception& e) {
+  } catch (const std::exception& e) {
     result.failure = Failure::kJson;
     result.message = std::string("json: the text after \"telvoJson=\" does not parse: ") + e.what();
   }
