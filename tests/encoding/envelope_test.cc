@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+#include <vector>
+
 #include "telvo/base64.h"
 #include "telvo/gzip.h"
 
@@ -82,6 +85,27 @@ TEST(EnvelopeDecode, NamesTheLayerThatFailed) {
     EXPECT_EQ(result.message.rfind(c.layer + ":", 0), 0u) << result.message;
     EXPECT_EQ(result.message.find('\n'), std::string::npos) << result.message;
   }
+}
+
+TEST(Envelope, ConcurrentCallsKeepTheirOwnBuffers) {
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(4, 0);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &mismatches] {
+      for (int i = 0; i < 200; ++i) {
+        const std::string json = "{\"t\":" + std::to_string(t) + ",\"pad\":\"" +
+                                 std::string(static_cast<std::size_t>(i * 97 % 3000), 'x') + "\"}";
+        const auto body = buildTelvoJsonParameter(json);
+        const auto packed = dataWithBase64EncodedString(bodyText(*body));
+        const auto plain = dataWithCompressedData(*packed);
+        if (!plain || std::string(plain->begin(), plain->end()) != "telvoJson=" + json) {
+          ++mismatches[static_cast<std::size_t>(t)];
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
 }  // namespace
