@@ -15,7 +15,13 @@ port="${TELVO_DEMO_PORT:-0}"
 
 "$root/scripts/deps.sh"
 
-cmake -S "$root" -B "$build" -DTELVO_BUILD_TESTS=OFF -DTELVO_BUILD_BENCH=OFF >/dev/null
+# A fresh build folder skips the tests and benchmarks; an existing one keeps
+# its own settings.
+if [ -f "$build/CMakeCache.txt" ]; then
+  cmake -S "$root" -B "$build" >/dev/null
+else
+  cmake -S "$root" -B "$build" -DTELVO_BUILD_TESTS=OFF -DTELVO_BUILD_BENCH=OFF >/dev/null
+fi
 cmake --build "$build" -j2 --target telvo_cli telvo_example_host
 telvo="$build/tools/telvo"
 host="$build/examples/telvo_example_host"
