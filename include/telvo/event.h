@@ -14,8 +14,9 @@
 namespace telvo {
 
 namespace core {
-struct BatchPayload;
-}
+class EventQueue;
+class QueuedEvent;
+}  // namespace core
 
 class Event {
  public:
@@ -49,8 +50,8 @@ class Event {
   std::string description() const;
 
  private:
-  friend class Telvo;
-  friend struct core::BatchPayload;
+  friend class core::EventQueue;
+  friend class core::QueuedEvent;
 
   std::string _data;
   std::string _name;

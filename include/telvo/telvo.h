@@ -62,7 +62,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -85,6 +84,9 @@ class Device;
 class NotificationCenter;
 class UserDefaults;
 struct Notification;
+namespace core {
+class EventQueue;
+}
 
 class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this<Telvo> {
   struct Private;  // lets create() use make_shared with a private constructor
@@ -271,10 +273,9 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
   std::shared_ptr<void> _NSMOCLock;
   std::shared_ptr<void> _NSPSCLock;
 
-  // The queue. Changed only on the main queue; the mutex lets batch() copy
-  // it from elsewhere without a data race.
-  mutable std::mutex _batchMutex;
-  std::deque<Event> _batch;
+  // The queue. Changed only on the main queue; it locks itself, so batch()
+  // may copy it from elsewhere.
+  std::unique_ptr<core::EventQueue> _queue;
 
   // Accepted calls not yet captured. sendEvent appends here and posts one
   // drain to the main queue only when none is pending, so a busy main queue

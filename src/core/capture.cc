@@ -2,6 +2,7 @@
 // decision on the main queue.
 #include <cstdio>
 
+#include "core/event_queue.h"
 #include "core/json_text.h"
 #include "telvo/log.h"
 #include "telvo/telvo.h"
@@ -59,8 +60,8 @@ void Telvo::captureEvent(PendingEvent& pending, const std::shared_ptr<const Telv
     log("Queueing up event: " + pending.name + " with data: " + core::jsonOrNull(pending.data));
   }
 
-  // Written into a reused buffer, then copied once at its exact size: a queued
-  // event keeps only its text.
+  // Written into a reused buffer, then copied once at its exact size (with
+  // the name, in one allocation): a queued event keeps little beyond its text.
   thread_local std::string text;
   text.clear();
   if (pending.data) {
@@ -80,14 +81,14 @@ void Telvo::captureEvent(PendingEvent& pending, const std::shared_ptr<const Telv
     core::appendJsonString(text, *config->appName());
     text += '}';
   }
-  Event event;
-  event._data.assign(text.data(), text.size());
-  event._dataIsClientJson = true;
-  event._timestamp = serviceMilliseconds();
-  event._name = std::move(pending.name);
-  event._session = session;
+  auto event = core::QueuedEvent::make(pending.name, text, /*dataIsClientJson=*/true,
+                                       serviceMilliseconds(), session);
+  if (!event) {
+    log("Telvo: dropped an event whose name is 4 GiB or longer");
+    return;
+  }
 
-  const std::string& name = event._name;
+  const std::string& name = pending.name;
   bool highPriority = false;
   int priorityFlushes = 0;
   if (config && config->highPriorityEvents() && !config->highPriorityEvents()->empty()) {
@@ -97,10 +98,7 @@ void Telvo::captureEvent(PendingEvent& pending, const std::shared_ptr<const Telv
     }
   }
   const bool isError = !highPriority && name == "error";
-  {
-    std::lock_guard<std::mutex> lock(_batchMutex);
-    _batch.push_back(std::move(event));
-  }
+  _queue->push(std::move(*event));
 
   // A non-empty high-priority list switches the "error" and count rules off.
   if (highPriority) {

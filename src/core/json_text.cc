@@ -40,13 +40,13 @@ double numberValue(const Json& value) {
   return 0;
 }
 
-void appendJsonString(std::string& out, const std::string& text) {
+void appendJsonString(std::string& out, std::string_view text) {
   // Plain printable ASCII is by far the common case for event names; anything
   // else goes through the JSON writer, which escapes and repairs UTF-8.
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte < 0x20 || byte >= 0x7f || c == '"' || c == '\\') {
-      out += dumpJson(Json(text));
+      out += dumpJson(Json(std::string(text)));
       return;
     }
   }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "telvo/types.h"
 
@@ -30,7 +31,7 @@ bool truthValue(const Json& value);
 double numberValue(const Json& value);
 
 // Appends `text` to `out` as a JSON string literal.
-void appendJsonString(std::string& out, const std::string& text);
+void appendJsonString(std::string& out, std::string_view text);
 
 // Appends `value` to `out` as compact JSON, as dumpJson would write it (but
 // whole doubles may lose their ".0"). False, with `out` left partly written,

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <utility>
 
+#include "core/event_queue.h"
 #include "core/json_text.h"
 #include "telvo/clock.h"
 #include "telvo/device.h"
@@ -74,7 +75,8 @@ Telvo::Telvo(Private, std::shared_ptr<TelvoConfig> config, std::string property,
       _sessionID(std::make_shared<const Json>("")),
       _config(std::move(config)),
       _environment(std::move(environment)),
-      _property(std::move(property)) {}
+      _property(std::move(property)),
+      _queue(std::make_unique<core::EventQueue>()) {}
 
 Telvo::~Telvo() {
   std::shared_ptr<Timer> timer;
@@ -176,16 +178,8 @@ void Telvo::setBatchTimer(std::shared_ptr<Timer> timer) {
   std::lock_guard<std::mutex> lock(_mutex);
   previous = std::exchange(_batchTimer, std::move(timer));
 }
-std::vector<Event> Telvo::batch() const {
-  std::lock_guard<std::mutex> lock(_batchMutex);
-  return std::vector<Event>(_batch.begin(), _batch.end());
-}
-void Telvo::setBatch(std::vector<Event> batch) {
-  std::deque<Event> events(std::make_move_iterator(batch.begin()),
-                           std::make_move_iterator(batch.end()));
-  std::lock_guard<std::mutex> lock(_batchMutex);
-  _batch.swap(events);
-}
+std::vector<Event> Telvo::batch() const { return _queue->copy(); }
+void Telvo::setBatch(std::vector<Event> batch) { _queue->replace(batch); }
 bool Telvo::debug() const { return _debug.load(std::memory_order_relaxed); }
 void Telvo::setDebug(bool debug) { _debug.store(debug, std::memory_order_relaxed); }
 std::shared_ptr<TelvoDelegate> Telvo::delegate() const {

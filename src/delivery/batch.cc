@@ -1,6 +1,8 @@
 // The batch timer and the flush.
 #include <algorithm>
+#include <deque>
 
+#include "core/event_queue.h"
 #include "core/json_text.h"
 #include "delivery/batch_payload.h"
 #include "telvo/envelope.h"
@@ -83,17 +85,18 @@ void Telvo::dumpEvents() {
 }
 
 void Telvo::flushNow() {
-  std::vector<Event> events;
-  {
-    std::lock_guard<std::mutex> lock(_batchMutex);
-    events.assign(std::make_move_iterator(_batch.begin()), std::make_move_iterator(_batch.end()));
-    // Emptied before anything is sent: whatever becomes of the post, these
-    // events are not sent again.
-    _batch.clear();
-  }
+  // Taken whole and the queue left empty before anything is sent: whatever
+  // becomes of the post, these events are not sent again.
+  std::deque<core::QueuedEvent> events = _queue->takeAll();
   if (events.empty()) return;
-  std::stable_sort(events.begin(), events.end(),
-                   [](const Event& a, const Event& b) { return a.timestamp() < b.timestamp(); });
+  // Capture stamps events in order, so the queue is nearly always sorted
+  // already; a check is far cheaper than a merge sort's moves.
+  auto earlier = [](const core::QueuedEvent& a, const core::QueuedEvent& b) {
+    return a.timestamp() < b.timestamp();
+  };
+  if (!std::is_sorted(events.begin(), events.end(), earlier)) {
+    std::stable_sort(events.begin(), events.end(), earlier);
+  }
 
   std::shared_ptr<const TelvoMasterConfig> master;
   std::shared_ptr<const Json> session;
@@ -102,8 +105,8 @@ void Telvo::flushNow() {
     master = _masterConfig;
     session = _sessionID;
   }
+  // The events themselves are freed once the post is on its way.
   const std::string payload = core::BatchPayload::write(*session, events);
-  events.clear();
   if (debug()) log("Sending events string: " + payload);
 
   std::optional<std::string> servicesUrl, batchApi;

@@ -5,10 +5,10 @@
 namespace telvo {
 namespace core {
 
-std::string BatchPayload::write(const Json& sessionId, const std::vector<Event>& events) {
+std::string BatchPayload::write(const Json& sessionId, const std::deque<QueuedEvent>& events) {
   const std::string session = dumpJson(sessionId);
   std::size_t size = session.size() + 32;
-  for (const Event& event : events) size += event._data.size() + event._name.size() + 32;
+  for (const QueuedEvent& event : events) size += event.data().size() + event.name().size() + 32;
 
   std::string out;
   out.reserve(size);
@@ -16,16 +16,16 @@ std::string BatchPayload::write(const Json& sessionId, const std::vector<Event>&
   out += session;
   out += ",\"events\":[";
   bool first = true;
-  for (const Event& event : events) {
+  for (const QueuedEvent& event : events) {
     if (!first) out += ',';
     first = false;
     out += "{\"eventType\":";
-    appendJsonString(out, event._name);
+    appendJsonString(out, event.name());
     out += ",\"eventData\":";
-    if (event._dataIsClientJson) {
-      out += event._data;
+    if (event.dataIsClientJson()) {
+      out += event.data();
     } else {
-      Json parsed = Json::parse(event._data, nullptr, /*allow_exceptions=*/false);
+      Json parsed = Json::parse(event.data(), nullptr, /*allow_exceptions=*/false);
       if (parsed.is_object() || parsed.is_array()) {
         out += dumpJson(parsed);
       } else {

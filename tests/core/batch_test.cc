@@ -73,7 +73,7 @@ TEST(BatchTimer, FollowsTheApplicationInCountModeTooAndStoppingDoesNotFlush) {
 TEST(Flush, SendsEventsInTimestampOrderAndEmptiesTheQueueFirst) {
   VirtualPlatform platform;
   auto client = initializedClient(platform);
-  std::vector<Event> events(3);
+  std::vector<Event> events(4);
   events[0].setName("late");
   events[0].setTimestamp(300);
   events[0].setData(R"({"n":3})");
@@ -83,7 +83,11 @@ TEST(Flush, SendsEventsInTimestampOrderAndEmptiesTheQueueFirst) {
   events[2].setName("middle");
   events[2].setTimestamp(200);
   events[2].setData(R"({"n":2})");
+  events[3].setName("also middle");  // equal times keep their queue order
+  events[3].setTimestamp(200);
+  events[3].setData(R"({"n":22})");
   client->setBatch(events);
+  client->setBatch(client->batch());  // a round trip keeps the foreign data foreign
 
   client->dumpEvents();
   platform.main->runPending();
@@ -102,6 +106,7 @@ TEST(Flush, SendsEventsInTimestampOrderAndEmptiesTheQueueFirst) {
                   {"events",
                    {{{"eventType", "bad \"data\""}, {"eventData", Json::object()}},
                     {{"eventType", "middle"}, {"eventData", {{"n", 2}}}},
+                    {{"eventType", "also middle"}, {"eventData", {{"n", 22}}}},
                     {{"eventType", "late"}, {"eventData", {{"n", 3}}}}}}}));
 
   // A failed post loses its events; an empty queue sends nothing.

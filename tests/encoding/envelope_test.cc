@@ -51,6 +51,10 @@ TEST(Envelope, LongBodyIsOneBase64Line) {
   ASSERT_TRUE(decoded.ok()) << decoded.message;
   EXPECT_EQ(decoded.json, json);
   EXPECT_EQ(decoded.document.size(), 5000u);
+  // Still exactly what one compress() of the whole text gives.
+  const std::string plain = "telvoJson=" + json;
+  EXPECT_EQ(bodyText(*body),
+            *base64EncodedString(*compressedDataWithData(Bytes(plain.begin(), plain.end()))));
 }
 
 TEST(EnvelopeDecode, NamesTheLayerThatFailed) {
