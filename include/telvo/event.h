@@ -56,8 +56,7 @@ class Event {
   std::string _data;
   std::string _name;
   double _timestamp = 0;
-  // Shared by every event of one session, so a queued event costs no more
-  // than its text and the record itself.
+  // Shared by every event of one session.
   std::shared_ptr<const Json> _session;
   // Set when the client wrote `_data` itself and it is known to be one JSON
   // object, so the flush may splice it into the payload unparsed.

@@ -60,8 +60,8 @@ void Telvo::captureEvent(PendingEvent& pending, const std::shared_ptr<const Telv
     log("Queueing up event: " + pending.name + " with data: " + core::jsonOrNull(pending.data));
   }
 
-  // Written into a reused buffer, then copied once at its exact size (with
-  // the name, in one allocation): a queued event keeps little beyond its text.
+  // The data is written into a reused buffer; the queued record then copies
+  // name and data once, at their exact size, into one allocation.
   thread_local std::string text;
   text.clear();
   if (pending.data) {
