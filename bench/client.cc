@@ -251,17 +251,20 @@ std::string lastPlainBody(Harness& h) {
   return "telvoJson=" + decoded.json;
 }
 
-// zlib's one-call compress of `plain`, timed on the main queue's thread.
+// zlib's one-call compress of `plain`, in seconds.
+double timedCompress(const std::string& plain) {
+  const auto start = SteadyClock::now();
+  uLongf length = compressBound(plain.size());
+  Bytes out(length);
+  compress(out.data(), &length, reinterpret_cast<const Bytef*>(plain.data()), plain.size());
+  benchmark::DoNotOptimize(out.data());
+  return std::chrono::duration<double>(SteadyClock::now() - start).count();
+}
+
+// The same, timed on the main queue's thread.
 double timedCompressOnMainQueue(Harness& h, const std::string& plain) {
   std::promise<double> seconds;
-  h.main->post([&] {
-    const auto start = SteadyClock::now();
-    uLongf length = compressBound(plain.size());
-    Bytes out(length);
-    compress(out.data(), &length, reinterpret_cast<const Bytef*>(plain.data()), plain.size());
-    benchmark::DoNotOptimize(out.data());
-    seconds.set_value(std::chrono::duration<double>(SteadyClock::now() - start).count());
-  });
+  h.main->post([&] { seconds.set_value(timedCompress(plain)); });
   return seconds.get_future().get();
 }
 
@@ -306,12 +309,7 @@ void BM_CompressHotLoop(benchmark::State& state) {
   summary.bodyBytes = plain.size();
   std::vector<double> times;
   for (auto _ : state) {
-    const auto start = SteadyClock::now();
-    uLongf length = compressBound(plain.size());
-    Bytes out(length);
-    compress(out.data(), &length, reinterpret_cast<const Bytef*>(plain.data()), plain.size());
-    benchmark::DoNotOptimize(out.data());
-    const double seconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
+    const double seconds = timedCompress(plain);
     state.SetIterationTime(seconds);
     times.push_back(seconds);
   }
