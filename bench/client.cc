@@ -28,7 +28,10 @@
 #include <string>
 #include <vector>
 
+#include "delivery/response_reader.h"
+#include "support/test_platform.h"
 #include "telvo/device.h"
+#include "telvo/notification_center.h"
 #include "telvo/envelope.h"
 #include "telvo/executor.h"
 #include "telvo/telvo.h"
@@ -57,7 +60,7 @@ class CountingExecutor : public Executor {
 };
 
 // Records nothing but what the bench needs, and answers through the real
-// completion path (the base class's complete) on the sending thread: the
+// response reader on the sending thread: the
 // start-up requests with a configuration and a hello answer, batch posts with
 // an empty object after noting when they arrived.
 class BenchTransport : public TelvoTransport {
@@ -83,7 +86,10 @@ class BenchTransport : public TelvoTransport {
       onPost_(request, context);
     }
     const std::string body = answer.dump();
-    complete(request, context, delegate, std::nullopt, {}, Bytes(body.begin(), body.end()));
+    delivery::HttpResponse response;
+    response.status = 200;
+    response.body.assign(body.begin(), body.end());
+    delivery::readResponse(request, context, delegate, response, delivery::ResponseSinks{});
   }
   bool waitUntilIdle(double) override { return true; }
 
@@ -102,9 +108,6 @@ struct Harness {
 
   Harness() {
     main = std::make_shared<CountingExecutor>(mainQueue());
-    setMainQueue(main);
-    UserDefaults::setStandardUserDefaults(std::make_shared<MemoryUserDefaults>());
-    Device::setCurrentDevice(std::make_shared<FixedDevice>());
     transport = std::make_shared<BenchTransport>([this](const URLRequest& request, std::int32_t) {
       const auto now = SteadyClock::now();
       std::lock_guard<std::mutex> lock(mutex);
@@ -114,21 +117,22 @@ struct Harness {
         flushed = nullptr;
       }
     });
-    TelvoTransport::setSharedTransport(transport);
+    Platform platform;
+    platform.mainQueue = main;
+    platform.transport = transport;
+    platform.notificationCenter = std::make_shared<NotificationCenter>();
+    platform.userDefaults = std::make_shared<MemoryUserDefaults>();
+    platform.device = std::make_shared<FixedDevice>();
     client = Telvo::create(
         std::make_shared<TelvoConfig>("linux", "12", "lab", "4.2", "BenchPlayer", "https://cdn/"),
-        "bench", "prod");
+        "bench", "prod", platform);
     if (!client || !client->isInitialized()) {
       std::fprintf(stderr, "bench: the client did not initialise\n");
       std::exit(1);
     }
   }
 
-  void drain() {
-    std::promise<void> done;
-    main->post([&] { done.set_value(); });
-    done.get_future().wait();
-  }
+  void drain() { telvo::drain(*main, 3600); }
   // Empties the queue.
   void reset() {
     drain();

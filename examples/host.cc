@@ -68,14 +68,6 @@ void step(const std::string& line) {
   std::fflush(stdout);
 }
 
-// Waits until everything posted to `queue` so far has run.
-bool drain(telvo::Executor& queue, double seconds) {
-  auto done = std::make_shared<std::promise<void>>();
-  auto future = done->get_future();
-  queue.post([done] { done->set_value(); });
-  return future.wait_for(std::chrono::duration<double>(seconds)) == std::future_status::ready;
-}
-
 bool parse(int argc, char** argv, Options& options) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -179,14 +171,14 @@ int main(int argc, char** argv) {
   timerClient->sendError("E42", telvo::Json{{"component", "player"}});
   step("reported error E42");
 
-  drain(*telvo::mainQueue(), options.timeout);
+  telvo::drain(*telvo::mainQueue(), options.timeout);
   timerClient->sendEvent("pause", telvo::Json{{"position", 12}});
   const auto timerMaster = timerClient->masterConfig();
   const double interval = timerMaster ? static_cast<double>(timerMaster->batchAmount()) : 0;
   step("waiting for the timer flush (every " + std::to_string(static_cast<long long>(interval)) +
        " s)");
   const auto timerDeadline = Clock::now() + waitLimit;
-  drain(*telvo::mainQueue(), options.timeout);
+  telvo::drain(*telvo::mainQueue(), options.timeout);
   while (!timerClient->batch().empty() && Clock::now() < timerDeadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
@@ -200,14 +192,14 @@ int main(int argc, char** argv) {
   telvo::NotificationCenter::defaultCenter()->postNotificationName(
       telvo::UIApplicationDidEnterBackgroundNotification);
   step("posted UIApplicationDidEnterBackgroundNotification (timers stopped)");
-  drain(*telvo::mainQueue(), options.timeout);
+  telvo::drain(*telvo::mainQueue(), options.timeout);
   timerClient->dumpEvents();
   countClient->dumpEvents();
   step("flushed both clients");
 
   // Queued work first, then the requests it started.
-  if (!drain(*telvo::mainQueue(), options.timeout) ||
-      !drain(*telvo::backgroundQueue(), options.timeout) ||
+  if (!telvo::drain(*telvo::mainQueue(), options.timeout) ||
+      !telvo::drain(*telvo::backgroundQueue(), options.timeout) ||
       !telvo::TelvoTransport::sharedTransport()->waitUntilIdle(options.timeout)) {
     std::fprintf(stderr, "host: error: requests still in flight after %g s\n", options.timeout);
     return 1;

@@ -67,14 +67,6 @@ bool splitArgument(const std::string& text, const char* what, std::string* head,
   return true;
 }
 
-// Waits until everything posted to `queue` so far has run.
-bool drain(Executor& queue, double seconds) {
-  auto done = std::make_shared<std::promise<void>>();
-  auto future = done->get_future();
-  queue.post([done] { done->set_value(); });
-  return future.wait_for(std::chrono::duration<double>(seconds)) == std::future_status::ready;
-}
-
 // Why a client that was given `seconds` did not become initialised.
 std::string whyNotInitialised(const Telvo& client, double seconds) {
   auto config = client.config();

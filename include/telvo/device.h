@@ -31,12 +31,13 @@ class Device {
 // The running system, with host overrides. Version from /etc/os-release
 // VERSION_ID, else the leading numbers of the kernel release; machine from
 // uname; model "Linux" unless set; vendor identifier made once at random and
-// kept in the standard user defaults under "telvoDeviceIdentifier" (read, and
+// kept in a user-defaults store under "telvoDeviceIdentifier" (read, and
 // made if missing, on the first call to identifierForVendor).
 class SystemDevice : public Device {
  public:
+  // Keeps the vendor identifier in the standard user defaults as they are now.
   SystemDevice();
-  // Keeps the vendor identifier in `defaults` instead of the standard store.
+  // Keeps the vendor identifier in `defaults` (in memory only when null).
   explicit SystemDevice(std::shared_ptr<UserDefaults> defaults);
   ~SystemDevice() override;
 
@@ -55,25 +56,6 @@ class SystemDevice : public Device {
  private:
   struct State;
   std::unique_ptr<State> state_;
-};
-
-// A test double with fixed values.
-class FixedDevice : public Device {
- public:
-  FixedDevice(std::string systemVersion = "12", std::string machine = "x86_64",
-              std::string model = "Linux",
-              std::string identifierForVendor = "00000000-0000-4000-8000-000000000000")
-      : systemVersion_(std::move(systemVersion)),
-        machine_(std::move(machine)),
-        model_(std::move(model)),
-        identifierForVendor_(std::move(identifierForVendor)) {}
-  std::string systemVersion() const override { return systemVersion_; }
-  std::string machine() const override { return machine_; }
-  std::string model() const override { return model_; }
-  std::string identifierForVendor() const override { return identifierForVendor_; }
-
- private:
-  std::string systemVersion_, machine_, model_, identifierForVendor_;
 };
 
 }  // namespace telvo

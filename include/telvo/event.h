@@ -13,24 +13,16 @@
 
 namespace telvo {
 
-namespace core {
-class EventQueue;
-class QueuedEvent;
-}  // namespace core
-
 class Event {
  public:
   Event() = default;
 
   // The event's values as compact JSON text (UTF-8): the host's object with
   // the service-clock "timestamp", or {"applicationName": ...} when the host
-  // gave no data. Setting it marks the text as foreign: the flush then parses
-  // it instead of copying it as it stands.
+  // gave no data. Events handed back through Telvo::setBatch have their text
+  // parsed by the flush (and sent as {} where it is not an object or array).
   const std::string& data() const { return _data; }
-  void setData(std::string data) {
-    _data = std::move(data);
-    _dataIsClientJson = false;
-  }
+  void setData(std::string data) { _data = std::move(data); }
 
   // The event name as the host gave it.
   const std::string& name() const { return _name; }
@@ -45,22 +37,19 @@ class Event {
   // The client's session id at capture time (null until set).
   Json session() const { return _session ? *_session : Json(); }
   void setSession(Json session) { _session = std::make_shared<const Json>(std::move(session)); }
+  // The session shared with the other events of its session (null until set).
+  const std::shared_ptr<const Json>& sharedSession() const { return _session; }
+  void setSharedSession(std::shared_ptr<const Json> session) { _session = std::move(session); }
 
   // "name: <name>, session: <session>, data: <data>".
   std::string description() const;
 
  private:
-  friend class core::EventQueue;
-  friend class core::QueuedEvent;
-
   std::string _data;
   std::string _name;
   double _timestamp = 0;
   // Shared by every event of one session.
   std::shared_ptr<const Json> _session;
-  // Set when the client wrote `_data` itself and it is known to be one JSON
-  // object, so the flush may splice it into the payload unparsed.
-  bool _dataIsClientJson = false;
 };
 
 }  // namespace telvo

@@ -59,4 +59,9 @@ void setMainQueue(std::shared_ptr<Executor> queue);
 std::shared_ptr<Executor> backgroundQueue();
 void setBackgroundQueue(std::shared_ptr<Executor> queue);
 
+// Waits until everything posted to `queue` before the call has run, at most
+// `timeout` seconds; true when it has. Never call it on `queue` itself (it
+// would wait out its time-out).
+bool drain(Executor& queue, double timeout);
+
 }  // namespace telvo

@@ -2,10 +2,8 @@
 // cookie storage that requests with cookie handling use.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +13,8 @@
 #include "telvo/url_request.h"
 
 namespace telvo {
+
+class Clock;
 
 // Property keys, as stored in user defaults.
 inline constexpr const char* HTTPCookieName = "Name";
@@ -32,10 +32,13 @@ class HTTPCookie {
   // default domain is the URL's host, the default path comes from the URL's
   // path. A Domain attribute is kept as ".domain" and must domain-match the
   // host. Max-Age wins over Expires; both end up as the Expires property
-  // (taken against the default clock). Malformed cookies and cookies for
-  // another domain are skipped. In header order.
+  // (Max-Age counted from `now`, seconds since 1970; the system clock's time
+  // where not given). Malformed cookies and cookies for another domain are
+  // skipped. In header order.
   static std::vector<HTTPCookie> cookiesWithResponseHeaderFields(const HTTPHeaderFields& headers,
                                                                  const URL& url);
+  static std::vector<HTTPCookie> cookiesWithResponseHeaderFields(const HTTPHeaderFields& headers,
+                                                                 const URL& url, double now);
   // A cookie from stored properties; nothing where Name, Value, Domain or
   // Path is missing or not text.
   static std::optional<HTTPCookie> cookieWithProperties(const Json& properties);
@@ -72,7 +75,16 @@ enum class HTTPCookieAcceptPolicy { Always = 0, Never = 1, OnlyFromMainDocumentD
 // Thread safety: every member function may be called from any thread.
 class HTTPCookieStorage {
  public:
+  // The jar every libcurl transport uses unless given its own. Expiry is
+  // judged by the system clock.
   static HTTPCookieStorage& sharedHTTPCookieStorage();
+  // An empty jar of its own; expiry judged by `clock` (the system clock when
+  // null).
+  explicit HTTPCookieStorage(std::shared_ptr<Clock> clock = nullptr);
+  ~HTTPCookieStorage();
+  HTTPCookieStorage(const HTTPCookieStorage&) = delete;
+  HTTPCookieStorage& operator=(const HTTPCookieStorage&) = delete;
+
   HTTPCookieAcceptPolicy cookieAcceptPolicy() const;
   void setCookieAcceptPolicy(HTTPCookieAcceptPolicy policy);
 
@@ -86,15 +98,8 @@ class HTTPCookieStorage {
   void deleteAllCookies();
 
  private:
-  HTTPCookieStorage() = default;
-  struct Stored {
-    HTTPCookie cookie;
-    std::uint64_t order;
-  };
-  std::atomic<int> policy_{static_cast<int>(HTTPCookieAcceptPolicy::OnlyFromMainDocumentDomain)};
-  mutable std::mutex mutex_;
-  std::vector<Stored> cookies_;  // guarded by mutex_
-  std::uint64_t nextOrder_ = 0;  // guarded by mutex_
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace telvo

@@ -17,16 +17,15 @@
 //
 // Threads. Every public member function may be called from any thread and
 // returns without waiting for the network or the main queue. Work happens on:
-//   - the main queue (telvo::mainQueue() as it was when the client was made):
-//     event capture, every change of the queue and of postCount, the flush and
-//     the batch timer;
-//   - the background queue: building error reports;
+//   - the platform's main queue: event capture, every change of the queue
+//     and of postCount, the flush and the batch timer;
+//   - the platform's background queue: building error reports;
 //   - the transport's thread: configuration and hello answers, the
 //     "TelvoSessionIDReceived" notification and the delegate's
 //     telvoInitialized.
-// The process defaults (main and background queues, clock, transport,
-// notification centre, user defaults, device) are read once, in create; a
-// test or host replaces them before it creates clients.
+// The platform (main and background queues, clock, transport, notification
+// centre, user defaults, device) is given once, in create, or filled there
+// from the process defaults; the client uses nothing else (see platform.h).
 //
 // Ownership. Clients are always owned by shared_ptr. Work queued for a client
 // and requests in flight keep it alive until they have run; its timer and its
@@ -60,10 +59,8 @@
 //     bad bytes.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -71,6 +68,7 @@
 
 #include "telvo/event.h"
 #include "telvo/executor.h"
+#include "telvo/platform.h"
 #include "telvo/telvo_config.h"
 #include "telvo/telvo_delegate.h"
 #include "telvo/telvo_master_config.h"
@@ -79,18 +77,9 @@
 
 namespace telvo {
 
-class Clock;
-class Device;
-class NotificationCenter;
-class UserDefaults;
 struct Notification;
-namespace core {
-class EventQueue;
-}
 
 class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this<Telvo> {
-  struct Private;  // lets create() use make_shared with a private constructor
-
  public:
   // Registers for the three application notifications (entering the
   // background and terminating stop the batch timer, returning to the
@@ -99,12 +88,13 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
   // (an absent part reads "(null)"; "http://" becomes "https://"), clears
   // debug and starts the configuration fetch. Null, with a log line, when
   // `config` is null. The configuration is kept, not copied: do not change it
-  // afterwards.
+  // afterwards. The client runs on `platform`, its null members filled from
+  // the process defaults as they are now.
   static std::shared_ptr<Telvo> create(std::shared_ptr<TelvoConfig> config, std::string property,
                                        std::string environment);
+  static std::shared_ptr<Telvo> create(std::shared_ptr<TelvoConfig> config, std::string property,
+                                       std::string environment, const Platform& platform);
 
-  Telvo(Private, std::shared_ptr<TelvoConfig> config, std::string property,
-        std::string environment);
   ~Telvo() override;
   Telvo(const Telvo&) = delete;
   Telvo& operator=(const Telvo&) = delete;
@@ -145,10 +135,14 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
   void getConfigs();
   void sendHello();
 
-  // TelvoTransportDelegate: context 0 configuration answers, 2 hello answers,
-  // anything else (batch and error posts) is only logged. Never throws.
+  // TelvoTransportDelegate: kConfigurationContext answers, kHelloContext
+  // answers; anything else (batch and error posts) is only logged. Never
+  // throws.
   void requestDidReceiveResult(const URLRequest& request, const std::optional<Json>& result,
                                std::int32_t context) override;
+  // The platform's user defaults: the service's cookie is kept where the
+  // hello reads it.
+  std::shared_ptr<UserDefaults> cookieStore() const override;
 
   // The request body for `json`: see buildTelvoJsonParameter in envelope.h.
   std::optional<Bytes> buildTelvoJsonParameter(std::string_view json) const;
@@ -206,83 +200,10 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
   void setNSPSCLock(std::shared_ptr<void> value);
 
  private:
-  struct PendingEvent {
-    std::string name;
-    std::optional<Json> data;
-  };
-
-  // Main queue: captures every pending event in submission order.
-  void drainPendingEvents();
-  void captureEvent(PendingEvent& pending, const std::shared_ptr<const TelvoConfig>& config,
-                    const std::shared_ptr<const TelvoMasterConfig>& master,
-                    const std::shared_ptr<const Json>& session);
-  // Main queue: the body of dumpEvents.
-  void flushNow();
-  // Transport thread: the context-0 and context-2 answers.
-  void handleConfiguration(const std::optional<Json>& result);
-  void handleHello(const std::optional<Json>& result);
-  // Background queue: the body of sendError.
-  void postErrorReport(const Json& code, const std::optional<Json>& details);
-  // A POST of `json` in the envelope to `address` (upgraded to https), with
-  // the two content headers, no cached data and a 30 s time-out: the
-  // conventions every hello, batch post and error post shares.
-  static URLRequest envelopeRequest(const std::string& address, std::string_view json);
-  // The fields a background job reads, taken together under the lock.
-  struct Snapshot {
-    std::shared_ptr<const TelvoConfig> config;
-    std::shared_ptr<const TelvoMasterConfig> master;
-    std::shared_ptr<const Json> session;
-  };
-  Snapshot snapshot() const;
-  // round(now * 1000) - timeStampDelta, on the service's clock.
-  double serviceMilliseconds() const;
-  void setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master);
-  std::shared_ptr<const Json> sessionPointer() const;
-
-  // The process defaults, as they were in create().
-  std::shared_ptr<Executor> _mainQueue;
-  std::shared_ptr<Executor> _backgroundQueue;
-  std::shared_ptr<Clock> _clock;
-  std::shared_ptr<TelvoTransport> _transport;
-  std::shared_ptr<NotificationCenter> _notificationCenter;
-  std::shared_ptr<UserDefaults> _userDefaults;
-  std::shared_ptr<Device> _device;
-
-  std::atomic<bool> _debug{false};
-  std::atomic<bool> _throttled{false};
-  // Written with release ordering after sessionID and timeStampDelta, so a
-  // thread that reads it set (acquire) sees both.
-  std::atomic<bool> _initialized{false};
-  // Mirrors masterConfig()->enabled() for the caller-thread acceptance test.
-  std::atomic<bool> _enabled{false};
-  std::atomic<double> _timeStampDelta{0};
-  std::atomic<std::int64_t> _postCount{0};
-
-  // Guards the fields below it; never held while calling out.
-  mutable std::mutex _mutex;
-  std::shared_ptr<const Json> _sessionID;
-  std::shared_ptr<const TelvoMasterConfig> _masterConfig;
-  std::weak_ptr<TelvoDelegate> _delegate;
-  std::shared_ptr<TelvoConfig> _config;
-  std::string _environment;
-  std::string _property;
-  std::shared_ptr<void> _managedObjectContext;
-  std::shared_ptr<void> _managedObjectModel;
-  std::shared_ptr<void> _persistentStoreCoordinator;
-  std::shared_ptr<Timer> _batchTimer;
-  std::shared_ptr<void> _NSMOCLock;
-  std::shared_ptr<void> _NSPSCLock;
-
-  // The queue. Changed only on the main queue; it locks itself, so batch()
-  // may copy it from elsewhere.
-  std::unique_ptr<core::EventQueue> _queue;
-
-  // Accepted calls not yet captured. sendEvent appends here and posts one
-  // drain to the main queue only when none is pending, so a busy main queue
-  // costs the caller no wake-up per event.
-  std::mutex _pendingMutex;
-  std::vector<PendingEvent> _pending;
-  bool _drainScheduled = false;
+  struct Impl;  // src/core/telvo_impl.h
+  Telvo(std::shared_ptr<TelvoConfig> config, std::string property, std::string environment,
+        const Platform& platform);
+  std::unique_ptr<Impl> _impl;
 };
 
 }  // namespace telvo

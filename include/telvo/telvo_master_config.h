@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "telvo/types.h"
 
@@ -43,50 +44,56 @@ class TelvoMasterConfig {
   static std::shared_ptr<TelvoMasterConfig> configFromDictionary(
       const std::optional<Json>& document, const std::optional<std::string>& environment);
 
+  // The settings as plain values, one member per property. A reader of a
+  // document fills them; a test may fill them itself.
+  struct Settings {
+    // 0 timer batching, 1 count batching.
+    std::int32_t batchMode = 0;
+    // Events in count mode, seconds in timer mode.
+    std::int64_t batchAmount = 0;
+    std::optional<std::string> servicesUrl;
+    bool enabled = false;
+    std::optional<std::string> batchApi;
+    std::optional<std::string> helloApi;
+    std::optional<std::string> batchContentEncoding;
+    std::int64_t helloRetryCount = 0;
+    std::int64_t helloRetryTime = 0;
+    std::optional<std::string> messageExcludes;
+    std::optional<std::string> transportFormats;
+    std::int64_t qosUpdateInterval = 0;
+    std::int64_t qosReportInterval = 0;
+    std::int64_t progressReportInterval = 0;
+    std::int64_t adProgressInterval = 0;
+    bool telvoUserIdEnabled = false;
+    std::optional<std::string> telvoUserIdHash;
+  };
+
+  explicit TelvoMasterConfig(Settings settings) : _settings(std::move(settings)) {}
+
   // The multi-line description (no adProgressInterval, no messageExcludes).
   std::string description() const;
 
-  std::int32_t batchMode() const { return _batchMode; }  // 0 timer batching, 1 count batching
-  std::int64_t batchAmount() const {
-    return _batchAmount;
-  }  // events in count mode, seconds in timer mode
-  const std::optional<std::string>& servicesUrl() const { return _servicesUrl; }
-  bool enabled() const { return _enabled; }
-  const std::optional<std::string>& batchApi() const { return _batchApi; }
-  const std::optional<std::string>& helloApi() const { return _helloApi; }
-  const std::optional<std::string>& batchContentEncoding() const { return _batchContentEncoding; }
-  std::int64_t helloRetryCount() const { return _helloRetryCount; }
-  std::int64_t helloRetryTime() const { return _helloRetryTime; }
-  const std::optional<std::string>& messageExcludes() const { return _messageExcludes; }
-  const std::optional<std::string>& transportFormats() const { return _transportFormats; }
-  std::int64_t qosUpdateInterval() const { return _qosUpdateInterval; }
-  std::int64_t qosReportInterval() const { return _qosReportInterval; }
-  std::int64_t progressReportInterval() const { return _progressReportInterval; }
-  std::int64_t adProgressInterval() const { return _adProgressInterval; }
-  bool telvoUserIdEnabled() const { return _telvoUserIdEnabled; }
-  const std::optional<std::string>& telvoUserIdHash() const { return _telvoUserIdHash; }
+  const Settings& settings() const { return _settings; }
+  std::int32_t batchMode() const { return _settings.batchMode; }
+  std::int64_t batchAmount() const { return _settings.batchAmount; }
+  const std::optional<std::string>& servicesUrl() const { return _settings.servicesUrl; }
+  bool enabled() const { return _settings.enabled; }
+  const std::optional<std::string>& batchApi() const { return _settings.batchApi; }
+  const std::optional<std::string>& helloApi() const { return _settings.helloApi; }
+  const std::optional<std::string>& batchContentEncoding() const { return _settings.batchContentEncoding; }
+  std::int64_t helloRetryCount() const { return _settings.helloRetryCount; }
+  std::int64_t helloRetryTime() const { return _settings.helloRetryTime; }
+  const std::optional<std::string>& messageExcludes() const { return _settings.messageExcludes; }
+  const std::optional<std::string>& transportFormats() const { return _settings.transportFormats; }
+  std::int64_t qosUpdateInterval() const { return _settings.qosUpdateInterval; }
+  std::int64_t qosReportInterval() const { return _settings.qosReportInterval; }
+  std::int64_t progressReportInterval() const { return _settings.progressReportInterval; }
+  std::int64_t adProgressInterval() const { return _settings.adProgressInterval; }
+  bool telvoUserIdEnabled() const { return _settings.telvoUserIdEnabled; }
+  const std::optional<std::string>& telvoUserIdHash() const { return _settings.telvoUserIdHash; }
 
  private:
-  TelvoMasterConfig() = default;
-  friend struct MasterConfigReader;  // the document reader (implementation detail)
-
-  std::int32_t _batchMode = 0;
-  std::int64_t _batchAmount = 0;
-  std::optional<std::string> _servicesUrl;
-  bool _enabled = false;
-  std::optional<std::string> _batchApi;
-  std::optional<std::string> _helloApi;
-  std::optional<std::string> _batchContentEncoding;
-  std::int64_t _helloRetryCount = 0;
-  std::int64_t _helloRetryTime = 0;
-  std::optional<std::string> _messageExcludes;
-  std::optional<std::string> _transportFormats;
-  std::int64_t _qosUpdateInterval = 0;
-  std::int64_t _qosReportInterval = 0;
-  std::int64_t _progressReportInterval = 0;
-  std::int64_t _adProgressInterval = 0;
-  bool _telvoUserIdEnabled = false;
-  std::optional<std::string> _telvoUserIdHash;
+  Settings _settings;
 };
 
 }  // namespace telvo

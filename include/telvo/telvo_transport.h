@@ -4,7 +4,8 @@
 // and a delegate. For each request exactly one completion runs, on the
 // transport's own thread: on a transfer error the delegate hears
 // didFailWithError (only if it implements it) and nothing else; otherwise the
-// last Set-Cookie is kept in user defaults under "telvoUUIDCookie", a callback
+// last Set-Cookie is kept under "telvoUUIDCookie" (in the delegate's
+// cookieStore(), else the store the transport was made with), a callback
 // wrapper is stripped from the body, the body is parsed as JSON (object or
 // array at the top) and the result goes to requestDidReceiveResult - or, when
 // it does not parse, to didFailWithError if implemented, else
@@ -24,8 +25,15 @@
 
 namespace telvo {
 
+class UserDefaults;
+
 // The user-defaults key of the service's cookie.
 inline constexpr const char* TelvoUUIDCookieKey = "telvoUUIDCookie";
+
+// The contexts the client tags its requests with.
+inline constexpr std::int32_t kConfigurationContext = 0;  // the configuration fetch
+inline constexpr std::int32_t kHelloContext = 2;          // the hello
+inline constexpr std::int32_t kPostContext = 3;           // batch and error posts
 
 class TelvoTransportDelegate {
  public:
@@ -37,6 +45,9 @@ class TelvoTransportDelegate {
   // Optional: a delegate that wants failures overrides both of these.
   virtual bool respondsToDidFailWithError() const { return false; }
   virtual void didFailWithError(const Error& error) { (void)error; }
+  // Where the service's cookie from this delegate's answers is kept; null
+  // (the default): the transport's own store.
+  virtual std::shared_ptr<UserDefaults> cookieStore() const { return nullptr; }
 };
 
 class TelvoTransport {
@@ -56,12 +67,15 @@ class TelvoTransport {
   static std::shared_ptr<TelvoTransport> sharedTransport();
   // Replaces it (tests, hosts with their own HTTP stack). Before clients exist.
   static void setSharedTransport(std::shared_ptr<TelvoTransport> transport);
-  // A new, independent libcurl transport with its own thread and connections.
+  // A new, independent libcurl transport with its own thread and connections,
+  // keeping the service's cookie in `cookieStore` (null: the standard user
+  // defaults as they are now) for delegates that name no store of their own.
   // Releasing it stops its thread: transfers still running get about 1.5 s,
   // then complete with a "telvo.transport" cancellation error. At process
   // exit every libcurl transport still alive (the shared one included) is
   // stopped the same way.
-  static std::shared_ptr<TelvoTransport> makeCurlTransport(Options options);
+  static std::shared_ptr<TelvoTransport> makeCurlTransport(
+      Options options, std::shared_ptr<UserDefaults> cookieStore = nullptr);
 
   virtual ~TelvoTransport() = default;
 
@@ -81,16 +95,6 @@ class TelvoTransport {
   // after the first "(" up to the last ");". A body with "(" but no ");"
   // comes back unchanged; bytes that are not UTF-8 come back empty.
   Bytes dataWithStrippedJSONCallback(const Bytes& body) const;
-
- protected:
-  // The completion of one request: everything after the transfer (error
-  // first; then cookie keeping; then strip; then parse; then delivery).
-  // Implementations call it exactly once per request. It lets a delegate's
-  // exception through; the caller catches it.
-  void complete(const URLRequest& request, std::int32_t context,
-                const std::shared_ptr<TelvoTransportDelegate>& delegate,
-                const std::optional<Error>& error, const HTTPHeaderFields& responseHeaders,
-                const Bytes& body) const;
 };
 
 }  // namespace telvo

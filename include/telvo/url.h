@@ -31,9 +31,6 @@ class URL {
   // Query without the "?", empty when none.
   std::string query() const { return query_; }
 
-  friend bool operator==(const URL& a, const URL& b) { return a.text_ == b.text_; }
-  friend bool operator!=(const URL& a, const URL& b) { return !(a == b); }
-
  private:
   explicit URL(std::string text) : text_(std::move(text)) {}
   // The parts are split once, when curl accepts the text.
@@ -44,6 +41,11 @@ class URL {
   std::string path_;
   std::string query_;
 };
+
+inline bool operator==(const URL& a, const URL& b) {
+  return a.absoluteString() == b.absoluteString();
+}
+inline bool operator!=(const URL& a, const URL& b) { return !(a == b); }
 
 // Turns a URL string built by the library into a URL, upgrading a leading
 // "http://" (case-sensitive prefix test) to "https://". Only the first 13

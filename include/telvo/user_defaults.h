@@ -29,7 +29,9 @@ class UserDefaults {
   virtual bool synchronize() = 0;
 };
 
-// Values in memory only: a test double, and what a host without storage uses.
+// Values in memory only. Public because hosts need it: a device without
+// writable storage (a read-only root file system) keeps the cookie for the
+// life of the process this way; tests use it too.
 class MemoryUserDefaults : public UserDefaults {
  public:
   MemoryUserDefaults();

@@ -1,9 +1,11 @@
-#include "master_config_reader.h"
+#include "config/master_config_reader.h"
 
 #include <cmath>
 #include <limits>
 #include <type_traits>
 #include <variant>
+
+#include "encoding/json_text.h"
 
 namespace telvo {
 
@@ -70,18 +72,6 @@ std::int64_t integerFromNumber(const Json& value) {
   return static_cast<std::int64_t>(d);  // truncates toward zero
 }
 
-// After leading white space and an optional sign followed by zeros, the text
-// begins with Y, y, T, t or a digit 1 to 9.
-bool truthFromText(const std::string& text) {
-  std::size_t i = 0;
-  while (i < text.size() && isWhiteSpace(text[i])) ++i;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
-  while (i < text.size() && text[i] == '0') ++i;
-  if (i == text.size()) return false;
-  const char c = text[i];
-  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
-}
-
 // JSON booleans are numbers to the reader (true is 1), as they are to the
 // document's producers.
 std::int64_t readInteger(const Json& value, const Origin& origin) {
@@ -102,7 +92,7 @@ bool readTruth(const Json& value, const Origin& origin) {
   if (value.is_boolean()) return value.get<bool>();
   if (value.is_number_float()) return value.get<double>() != 0.0;
   if (value.is_number()) return integerFromNumber(value) != 0;
-  if (value.is_string()) return truthFromText(value.get_ref<const std::string&>());
+  if (value.is_string()) return encoding::truthFromText(value.get_ref<const std::string&>());
   failType(origin, value, "a truth value");
 }
 
@@ -147,22 +137,22 @@ Overloaded(Fs...) -> Overloaded<Fs...>;
 
 std::shared_ptr<TelvoMasterConfig> MasterConfigReader::read(
     const std::optional<Json>& document, const std::optional<std::string>& environment) {
-  std::shared_ptr<TelvoMasterConfig> config(new TelvoMasterConfig());
+  TelvoMasterConfig::Settings config;
   // Anything but an object (nothing, null, an array...) has no sections.
   const bool hasSections = document && document->is_object();
-  readDefaultSection(*config, hasSections ? sectionOf(*document, kDefaultSection) : nullptr);
+  readDefaultSection(config, hasSections ? sectionOf(*document, kDefaultSection) : nullptr);
 
   if (hasSections && environment && *environment != kDefaultSection) {
     if (const Json* overlay = sectionOf(*document, *environment)) {
       for (const auto& [key, value] : overlay->items()) {
-        setValueForKey(*config, key, value, *environment);
+        setValueForKey(config, key, value, *environment);
       }
     }
   }
-  return config;
+  return std::make_shared<TelvoMasterConfig>(std::move(config));
 }
 
-void MasterConfigReader::readDefaultSection(TelvoMasterConfig& config, const Json* section) {
+void MasterConfigReader::readDefaultSection(TelvoMasterConfig::Settings& config, const Json* section) {
   const std::string sectionName = kDefaultSection;
   // Each setting is read in its turn, so the first bad value is the one reported.
   auto each = [&](const char* key, auto&& store) {
@@ -180,43 +170,43 @@ void MasterConfigReader::readDefaultSection(TelvoMasterConfig& config, const Jso
   };
 
   // Only the exact word selects timer batching; anything else, or nothing, counts.
-  config._batchMode = 1;
+  config.batchMode = 1;
   each("batchMode", [&](const Json& v, const Origin& o) {
-    config._batchMode = requireText(v, o) == "timer" ? 0 : 1;
+    config.batchMode = requireText(v, o) == "timer" ? 0 : 1;
   });
-  integer("batchModeAmount", config._batchAmount);
-  text("servicesUrl", config._servicesUrl);
-  each("enabled", [&](const Json& v, const Origin& o) { config._enabled = readTruth(v, o); });
-  text("batchApi", config._batchApi);
-  text("helloApi", config._helloApi);
-  text("batchContentEncoding", config._batchContentEncoding);
-  integer("helloRetryCount", config._helloRetryCount);
-  integer("helloRetryTime", config._helloRetryTime);
-  text("transportFormats", config._transportFormats);
-  integer("qosUpdateInterval", config._qosUpdateInterval);
-  integer("qosReportInterval", config._qosReportInterval);
-  integer("progressReportInterval", config._progressReportInterval);
-  integer("adProgressInterval", config._adProgressInterval);
+  integer("batchModeAmount", config.batchAmount);
+  text("servicesUrl", config.servicesUrl);
+  each("enabled", [&](const Json& v, const Origin& o) { config.enabled = readTruth(v, o); });
+  text("batchApi", config.batchApi);
+  text("helloApi", config.helloApi);
+  text("batchContentEncoding", config.batchContentEncoding);
+  integer("helloRetryCount", config.helloRetryCount);
+  integer("helloRetryTime", config.helloRetryTime);
+  text("transportFormats", config.transportFormats);
+  integer("qosUpdateInterval", config.qosUpdateInterval);
+  integer("qosReportInterval", config.qosReportInterval);
+  integer("progressReportInterval", config.progressReportInterval);
+  integer("adProgressInterval", config.adProgressInterval);
   // "messageExcludes" is deliberately not read here: only an environment sets it.
 
   // Any text that mentions "false" (in any case) disables the identifier;
   // every other text, including "no" and "", leaves it on.
-  config._telvoUserIdEnabled = true;
+  config.telvoUserIdEnabled = true;
   each("telvoUserIdEnabled", [&](const Json& v, const Origin& o) {
-    config._telvoUserIdEnabled = toLower(requireText(v, o)).find("false") == std::string::npos;
+    config.telvoUserIdEnabled = toLower(requireText(v, o)).find("false") == std::string::npos;
   });
 
   bool hashGiven = false;
   each("telvoUserIdHash", [&](const Json& v, const Origin& o) {
-    config._telvoUserIdHash = readText(v, o);
+    config.telvoUserIdHash = readText(v, o);
     hashGiven = true;
   });
-  if (config._telvoUserIdEnabled && !hashGiven) config._telvoUserIdHash = kDefaultUserIdHash;
+  if (config.telvoUserIdEnabled && !hashGiven) config.telvoUserIdHash = kDefaultUserIdHash;
 }
 
-void MasterConfigReader::setValueForKey(TelvoMasterConfig& config, const std::string& name,
+void MasterConfigReader::setValueForKey(TelvoMasterConfig::Settings& config, const std::string& name,
                                         const Json& value, const std::string& section) {
-  using C = TelvoMasterConfig;
+  using C = TelvoMasterConfig::Settings;
   using Store = std::variant<std::int32_t C::*, std::int64_t C::*, bool C::*,
                              std::optional<std::string> C::*>;
   struct Property {
@@ -226,23 +216,23 @@ void MasterConfigReader::setValueForKey(TelvoMasterConfig& config, const std::st
   // Environment sections name properties, not document keys ("batchAmount",
   // not "batchModeAmount"); "batchMode" is a number here, not the "timer" word.
   static const Property kProperties[] = {
-      {"batchMode", &C::_batchMode},
-      {"batchAmount", &C::_batchAmount},
-      {"servicesUrl", &C::_servicesUrl},
-      {"enabled", &C::_enabled},
-      {"batchApi", &C::_batchApi},
-      {"helloApi", &C::_helloApi},
-      {"batchContentEncoding", &C::_batchContentEncoding},
-      {"helloRetryCount", &C::_helloRetryCount},
-      {"helloRetryTime", &C::_helloRetryTime},
-      {"messageExcludes", &C::_messageExcludes},
-      {"transportFormats", &C::_transportFormats},
-      {"qosUpdateInterval", &C::_qosUpdateInterval},
-      {"qosReportInterval", &C::_qosReportInterval},
-      {"progressReportInterval", &C::_progressReportInterval},
-      {"adProgressInterval", &C::_adProgressInterval},
-      {"telvoUserIdEnabled", &C::_telvoUserIdEnabled},
-      {"telvoUserIdHash", &C::_telvoUserIdHash},
+      {"batchMode", &C::batchMode},
+      {"batchAmount", &C::batchAmount},
+      {"servicesUrl", &C::servicesUrl},
+      {"enabled", &C::enabled},
+      {"batchApi", &C::batchApi},
+      {"helloApi", &C::helloApi},
+      {"batchContentEncoding", &C::batchContentEncoding},
+      {"helloRetryCount", &C::helloRetryCount},
+      {"helloRetryTime", &C::helloRetryTime},
+      {"messageExcludes", &C::messageExcludes},
+      {"transportFormats", &C::transportFormats},
+      {"qosUpdateInterval", &C::qosUpdateInterval},
+      {"qosReportInterval", &C::qosReportInterval},
+      {"progressReportInterval", &C::progressReportInterval},
+      {"adProgressInterval", &C::adProgressInterval},
+      {"telvoUserIdEnabled", &C::telvoUserIdEnabled},
+      {"telvoUserIdHash", &C::telvoUserIdHash},
   };
   const Origin origin{name, section};
   for (const Property& property : kProperties) {

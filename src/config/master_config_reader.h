@@ -25,11 +25,11 @@ struct MasterConfigReader {
   // values as in the "default" section, text unchanged, null text as unset.
   // Throws UsageError naming `name` and `section` for any other name, a null
   // integer or truth value, or a value of a type that cannot be read.
-  static void setValueForKey(TelvoMasterConfig& config, const std::string& name, const Json& value,
+  static void setValueForKey(TelvoMasterConfig::Settings& config, const std::string& name, const Json& value,
                              const std::string& section);
 
  private:
-  static void readDefaultSection(TelvoMasterConfig& config, const Json* section);
+  static void readDefaultSection(TelvoMasterConfig::Settings& config, const Json* section);
 };
 
 }  // namespace telvo

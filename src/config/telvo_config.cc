@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "encoding/json_text.h"
 #include "telvo/device.h"
 #include "telvo/log.h"
 
@@ -49,10 +50,7 @@ std::vector<std::string> splitEventNames(std::string text) {
   return names;
 }
 
-const std::string& orNull(const std::optional<std::string>& value) {
-  static const std::string kNull = "(null)";
-  return value ? *value : kNull;
-}
+std::string orNull(const std::optional<std::string>& value) { return encoding::textOrNull(value); }
 
 }  // namespace
 

@@ -2,7 +2,8 @@
 
 #include <cstdio>
 
-#include "master_config_reader.h"
+#include "config/master_config_reader.h"
+#include "encoding/json_text.h"
 
 namespace telvo {
 
@@ -12,27 +13,25 @@ std::shared_ptr<TelvoMasterConfig> TelvoMasterConfig::configFromDictionary(
 }
 
 std::string TelvoMasterConfig::description() const {
-  auto text = [](const std::optional<std::string>& value) -> const std::string& {
-    static const std::string kNull = "(null)";
-    return value ? *value : kNull;
-  };
+  auto text = [](const std::optional<std::string>& value) { return encoding::textOrNull(value); };
+  const Settings& s = _settings;
   auto number = [](std::int64_t value) { return std::to_string(value); };
   char identity[32];
   std::snprintf(identity, sizeof identity, "%p", static_cast<const void*>(this));
   // adProgressInterval and messageExcludes are carried for the host but not shown.
-  return std::string("TelvoMasterConfig: ") + identity + "\nBatchMode: " + number(_batchMode) +
-         "\nBatchAmount: " + number(_batchAmount) + "\nServicesUrl: " + text(_servicesUrl) +
-         "\nEnabled: " + (_enabled ? "1" : "0") + "\nBatch API: " + text(_batchApi) +
-         "\nHello API: " + text(_helloApi) +
-         "\nBatch Content Encoding: " + text(_batchContentEncoding) +
-         "\nHello Retry Count: " + number(_helloRetryCount) +
-         "\nHello Retry Time: " + number(_helloRetryTime) +
-         "\nTransport Formats: " + text(_transportFormats) +
-         "\nQOS Update Interval: " + number(_qosUpdateInterval) +
-         "\nQOS Report Interval: " + number(_qosReportInterval) +
-         "\nProgress Report Interval: " + number(_progressReportInterval) +
-         "\nUser ID Hash: " + text(_telvoUserIdHash) +
-         "\nUser ID Enabled: " + (_telvoUserIdEnabled ? "true" : "false");
+  return std::string("TelvoMasterConfig: ") + identity + "\nBatchMode: " + number(s.batchMode) +
+         "\nBatchAmount: " + number(s.batchAmount) + "\nServicesUrl: " + text(s.servicesUrl) +
+         "\nEnabled: " + (s.enabled ? "1" : "0") + "\nBatch API: " + text(s.batchApi) +
+         "\nHello API: " + text(s.helloApi) +
+         "\nBatch Content Encoding: " + text(s.batchContentEncoding) +
+         "\nHello Retry Count: " + number(s.helloRetryCount) +
+         "\nHello Retry Time: " + number(s.helloRetryTime) +
+         "\nTransport Formats: " + text(s.transportFormats) +
+         "\nQOS Update Interval: " + number(s.qosUpdateInterval) +
+         "\nQOS Report Interval: " + number(s.qosReportInterval) +
+         "\nProgress Report Interval: " + number(s.progressReportInterval) +
+         "\nUser ID Hash: " + text(s.telvoUserIdHash) +
+         "\nUser ID Enabled: " + (s.telvoUserIdEnabled ? "true" : "false");
 }
 
 }  // namespace telvo

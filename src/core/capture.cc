@@ -1,125 +1,98 @@
 // Event capture: acceptance on the caller's thread, the record and the flush
 // decision on the main queue.
-#include <cstdio>
-
-#include "core/event_queue.h"
-#include "core/json_text.h"
+#include "core/telvo_impl.h"
+#include "delivery/flush_rules.h"
+#include "encoding/json_text.h"
 #include "telvo/log.h"
-#include "telvo/telvo.h"
 
 namespace telvo {
 
-void Telvo::sendEvent(const std::string& name, std::optional<Json> data) {
+void Telvo::Impl::sendEvent(const std::string& name, std::optional<Json> data) {
   if (data && !data->is_object()) {
     throw UsageError("Telvo::sendEvent: data for event \"" + name +
                      "\" must be a JSON object, not " + data->type_name());
   }
-  if (!_initialized.load(std::memory_order_acquire)) return;
-  if (!_enabled.load(std::memory_order_acquire)) return;
-  if (_throttled.load(std::memory_order_acquire)) return;
+  if (!initialized.load(std::memory_order_acquire)) return;
+  if (!enabled.load(std::memory_order_acquire)) return;
+  if (throttled.load(std::memory_order_acquire)) return;
 
   bool schedule = false;
   {
-    std::lock_guard<std::mutex> lock(_pendingMutex);
-    _pending.push_back(PendingEvent{name, std::move(data)});
-    schedule = !_drainScheduled;
-    _drainScheduled = true;
+    std::lock_guard<std::mutex> lock(pendingMutex);
+    pending.push_back(PendingEvent{name, std::move(data)});
+    schedule = !drainScheduled;
+    drainScheduled = true;
   }
   if (schedule) {
-    _mainQueue->post([self = shared_from_this()] { self->drainPendingEvents(); });
+    platform.mainQueue->post([self = self()] { self->_impl->drainPendingEvents(); });
   }
 }
 
-void Telvo::drainPendingEvents() {
-  std::vector<PendingEvent> pending;
+void Telvo::Impl::drainPendingEvents() {
+  std::vector<PendingEvent> taken;
   {
-    std::lock_guard<std::mutex> lock(_pendingMutex);
-    pending.swap(_pending);
+    std::lock_guard<std::mutex> lock(pendingMutex);
+    taken.swap(pending);
     // From here on a new call schedules a new drain, which runs after this one.
-    _drainScheduled = false;
+    drainScheduled = false;
   }
-  const auto [config, master, session] = snapshot();
-  for (auto& event : pending) {
+  const Snapshot current = snapshot();
+  for (auto& event : taken) {
     try {
-      captureEvent(event, config, master, session);
+      captureEvent(event, current);
     } catch (const std::exception& e) {
       log("Telvo: dropped event \"" + event.name + "\": " + e.what());
     }
   }
   // Give the buffer back so the next burst does not allocate again.
-  pending.clear();
-  std::lock_guard<std::mutex> lock(_pendingMutex);
-  if (_pending.empty() && _pending.capacity() < pending.capacity()) _pending.swap(pending);
+  taken.clear();
+  std::lock_guard<std::mutex> lock(pendingMutex);
+  if (pending.empty() && pending.capacity() < taken.capacity()) pending.swap(taken);
 }
 
-void Telvo::captureEvent(PendingEvent& pending, const std::shared_ptr<const TelvoConfig>& config,
-                         const std::shared_ptr<const TelvoMasterConfig>& master,
-                         const std::shared_ptr<const Json>& session) {
-  const bool debugging = debug();
+void Telvo::Impl::captureEvent(PendingEvent& event, const Snapshot& current) {
+  const bool debugging = this->debugging();
   if (debugging) {
-    log("Queueing up event: " + pending.name + " with data: " + core::jsonOrNull(pending.data));
+    log("Queueing up event: " + event.name + " with data: " + encoding::jsonOrNull(event.data));
   }
 
   // The data is written into a reused buffer; the queued record then copies
   // name and data once, at their exact size, into one allocation.
   thread_local std::string text;
   text.clear();
-  if (pending.data) {
-    if (!core::appendEventData(text, *pending.data,
-                               static_cast<std::int64_t>(serviceMilliseconds()))) {
-      log("Telvo: dropped event \"" + pending.name +
+  if (event.data) {
+    if (!encoding::appendEventData(text, *event.data,
+                                   static_cast<std::int64_t>(serviceMilliseconds()))) {
+      log("Telvo: dropped event \"" + event.name +
           "\": its data holds a number JSON cannot represent (NaN or infinity)");
       return;
     }
   } else {
-    if (!config || !config->appName()) {
-      log("Telvo: dropped event \"" + pending.name +
+    if (!current.config || !current.config->appName()) {
+      log("Telvo: dropped event \"" + event.name +
           "\": it has no data and the configuration has no appName");
       return;
     }
     text += "{\"applicationName\":";
-    core::appendJsonString(text, *config->appName());
+    encoding::appendJsonString(text, *current.config->appName());
     text += '}';
   }
-  auto event = core::QueuedEvent::make(pending.name, text, /*dataIsClientJson=*/true,
-                                       serviceMilliseconds(), session);
-  if (!event) {
+  auto record = delivery::QueuedEvent::make(event.name, text, /*dataIsCompactJson=*/true,
+                                            serviceMilliseconds(), current.session);
+  if (!record) {
     log("Telvo: dropped an event whose name is 4 GiB or longer");
     return;
   }
+  queue.push(std::move(*record));
 
-  const std::string& name = pending.name;
-  bool highPriority = false;
-  int priorityFlushes = 0;
-  if (config && config->highPriorityEvents() && !config->highPriorityEvents()->empty()) {
-    highPriority = true;
-    for (const auto& entry : *config->highPriorityEvents()) {
-      if (entry == name) ++priorityFlushes;
-    }
-  }
-  const bool isError = !highPriority && name == "error";
-  _queue->push(std::move(*event));
-
-  // A non-empty high-priority list switches the "error" and count rules off.
-  if (highPriority) {
-    for (int i = 0; i < priorityFlushes; ++i) dumpEvents();
-    return;
-  }
-  if (isError) {
-    dumpEvents();
-    return;
-  }
-  if (master && master->batchMode() == 1) {
-    std::int64_t count = _postCount.load(std::memory_order_relaxed) + 1;
-    _postCount.store(count, std::memory_order_relaxed);
-    if (count == master->batchAmount()) {
-      count = 0;
-      _postCount.store(0, std::memory_order_relaxed);
-      if (debugging) log("Dumping events on count");
-      dumpEvents();
-    }
-    if (debugging) log("Post count: " + std::to_string(count));
-  }
+  static const std::optional<std::vector<std::string>> kNoPriorities;
+  const auto decision = delivery::CaptureFlush::decide(
+      event.name, current.config ? current.config->highPriorityEvents() : kNoPriorities,
+      current.master.get(), postCount.load(std::memory_order_relaxed));
+  if (decision.counted) postCount.store(decision.postCount, std::memory_order_relaxed);
+  if (decision.onCount && debugging) log("Dumping events on count");
+  for (int i = 0; i < decision.flushes; ++i) dumpEvents();
+  if (decision.counted && debugging) log("Post count: " + std::to_string(decision.postCount));
 }
 
 }  // namespace telvo

@@ -1,33 +1,48 @@
-// The client's lifecycle and its properties.
+// The client's front: creation, and the operations and properties forwarded
+// to its implementation.
 #include "telvo/telvo.h"
 
 #include <cmath>
 #include <cstdio>
-#include <iterator>
 #include <utility>
 
-#include "core/event_queue.h"
-#include "core/json_text.h"
+#include "config/hello.h"
+#include "core/telvo_impl.h"
 #include "telvo/clock.h"
-#include "telvo/device.h"
 #include "telvo/envelope.h"
 #include "telvo/log.h"
 #include "telvo/notification_center.h"
-#include "telvo/url.h"
-#include "telvo/user_defaults.h"
 
 namespace telvo {
 
-struct Telvo::Private {};
+Telvo::Impl::Impl(Telvo& owner, const Platform& platform, std::shared_ptr<TelvoConfig> config,
+                  std::string property, std::string environment)
+    : owner(owner),
+      platform(platform.withDefaults()),
+      sessionID(std::make_shared<const Json>("")),
+      config(std::move(config)),
+      environment(std::move(environment)),
+      property(std::move(property)) {}
+
+Telvo::Telvo(std::shared_ptr<TelvoConfig> config, std::string property, std::string environment,
+             const Platform& platform)
+    : _impl(std::make_unique<Impl>(*this, platform, std::move(config), std::move(property),
+                                   std::move(environment))) {}
 
 std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::string property,
                                      std::string environment) {
+  return create(std::move(config), std::move(property), std::move(environment), Platform{});
+}
+
+std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::string property,
+                                     std::string environment, const Platform& platform) {
   if (!config) {
     log("Telvo: cannot create a client without a configuration (config is null)");
     return nullptr;
   }
-  auto client =
-      std::make_shared<Telvo>(Private{}, config, std::move(property), std::move(environment));
+  std::shared_ptr<Telvo> client(
+      new Telvo(config, std::move(property), std::move(environment), platform));
+  Impl& impl = *client->_impl;
 
   // Observers hold the client weakly: they must not keep it alive, and a post
   // racing with destruction finds nothing to call.
@@ -35,58 +50,63 @@ std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::s
   auto stop = [weak](const Notification& notification) {
     if (auto self = weak.lock()) self->stopTimer(&notification);
   };
+  NotificationCenter& center = *impl.platform.notificationCenter;
   const void* observer = client.get();
-  client->_notificationCenter->addObserver(observer, UIApplicationDidEnterBackgroundNotification,
-                                           stop);
-  client->_notificationCenter->addObserver(observer, UIApplicationWillTerminateNotification, stop);
-  client->_notificationCenter->addObserver(observer, UIApplicationWillEnterForegroundNotification,
-                                           [weak](const Notification& n) {
-                                             if (auto self = weak.lock()) self->startTimer(&n);
-                                           });
+  center.addObserver(observer, UIApplicationDidEnterBackgroundNotification, stop);
+  center.addObserver(observer, UIApplicationWillTerminateNotification, stop);
+  center.addObserver(observer, UIApplicationWillEnterForegroundNotification,
+                     [weak](const Notification& n) {
+                       if (auto self = weak.lock()) self->startTimer(&n);
+                     });
 
-  const std::string location = core::textOrNull(config->configBaseUrl()) +
-                               core::textOrNull(config->appName()) + "/" +
-                               core::textOrNull(config->site()) + "/" + TelvoConfigFile;
-  config->setConfigURL(URLWithURLStringConversion(location));
+  config->setConfigURL(configuration::configurationLocation(*config));
 
   client->setDebug(false);
-  client->_timeStampDelta.store(0);
+  impl.timeStampDelta.store(0);
   {
-    std::lock_guard<std::mutex> lock(client->_mutex);
-    client->_sessionID = std::make_shared<const Json>("");
+    std::lock_guard<std::mutex> lock(impl.mutex);
+    impl.sessionID = std::make_shared<const Json>("");
   }
   client->setPostCount(0);
-  client->_initialized.store(false);
-  client->_throttled.store(false);
+  impl.initialized.store(false);
+  impl.throttled.store(false);
 
   client->getConfigs();
   return client;
 }
 
-Telvo::Telvo(Private, std::shared_ptr<TelvoConfig> config, std::string property,
-             std::string environment)
-    : _mainQueue(mainQueue()),
-      _backgroundQueue(backgroundQueue()),
-      _clock(Clock::defaultClock()),
-      _transport(TelvoTransport::sharedTransport()),
-      _notificationCenter(NotificationCenter::defaultCenter()),
-      _userDefaults(UserDefaults::standardUserDefaults()),
-      _device(Device::currentDevice()),
-      _sessionID(std::make_shared<const Json>("")),
-      _config(std::move(config)),
-      _environment(std::move(environment)),
-      _property(std::move(property)),
-      _queue(std::make_unique<core::EventQueue>()) {}
-
 Telvo::~Telvo() {
   std::shared_ptr<Timer> timer;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
-    timer = std::move(_batchTimer);
+    std::lock_guard<std::mutex> lock(_impl->mutex);
+    timer = std::move(_impl->batchTimer);
   }
   if (timer) timer->invalidate();
-  _notificationCenter->removeObserver(this);
+  _impl->platform.notificationCenter->removeObserver(this);
 }
+
+// --- Operations.
+
+void Telvo::sendEvent(const std::string& name, std::optional<Json> data) {
+  _impl->sendEvent(name, std::move(data));
+}
+void Telvo::sendError(Json code, std::optional<Json> details) {
+  _impl->sendError(std::move(code), std::move(details));
+}
+void Telvo::startTimer(const Notification*) { _impl->startTimer(); }
+void Telvo::stopTimer(const Notification*) { _impl->stopTimer(); }
+void Telvo::timedPost(const Timer*) {
+  if (debug()) log("Dumping events on timer");
+  _impl->dumpEvents();
+}
+void Telvo::dumpEvents() { _impl->dumpEvents(); }
+void Telvo::getConfigs() { _impl->getConfigs(); }
+void Telvo::sendHello() { _impl->sendHello(); }
+void Telvo::requestDidReceiveResult(const URLRequest&, const std::optional<Json>& result,
+                                    std::int32_t context) {
+  _impl->requestDidReceiveResult(result, context);
+}
+std::shared_ptr<UserDefaults> Telvo::cookieStore() const { return _impl->platform.userDefaults; }
 
 std::optional<Bytes> Telvo::buildTelvoJsonParameter(std::string_view json) const {
   return telvo::buildTelvoJsonParameter(json);
@@ -98,116 +118,103 @@ std::string Telvo::description() const {
   return text;
 }
 
-double Telvo::serviceMilliseconds() const {
-  // std::round rounds half-way cases away from zero.
-  return std::round(_clock->now() * 1000.0) - _timeStampDelta.load(std::memory_order_relaxed);
-}
-
-URLRequest Telvo::envelopeRequest(const std::string& address, std::string_view json) {
-  URLRequest request(URLWithURLStringConversion(address), kRequestCachePolicy, kRequestTimeout);
-  request.HTTPMethod = "POST";
-  request.setValue(kEnvelopeContentType, "Content-Type");
-  request.setValue(kEnvelopeContentEncoding, "Content-Encoding");
-  request.HTTPBody = telvo::buildTelvoJsonParameter(json);
-  return request;
-}
-
-Telvo::Snapshot Telvo::snapshot() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return Snapshot{_config, _masterConfig, _sessionID};
-}
-
-std::shared_ptr<const Json> Telvo::sessionPointer() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _sessionID;
-}
-
-void Telvo::setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master) {
-  std::lock_guard<std::mutex> lock(_mutex);
-  _enabled.store(master && master->enabled(), std::memory_order_release);
-  _masterConfig = std::move(master);
-}
-
 // --- Properties.
 
-std::shared_ptr<TelvoConfig> Telvo::config() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _config;
+namespace {
+
+template <typename T>
+T locked(std::mutex& mutex, const T& field) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return field;
 }
+
+// The old value is released after the lock: its destructor may call out.
+template <typename T>
+void replaceLocked(std::mutex& mutex, T& field, T value) {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::swap(field, value);
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<TelvoConfig> Telvo::config() const { return locked(_impl->mutex, _impl->config); }
 void Telvo::setConfig(std::shared_ptr<TelvoConfig> config) {
-  std::lock_guard<std::mutex> lock(_mutex);
-  _config = std::move(config);
+  replaceLocked(_impl->mutex, _impl->config, std::move(config));
 }
-std::string Telvo::environment() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _environment;
-}
+std::string Telvo::environment() const { return locked(_impl->mutex, _impl->environment); }
 void Telvo::setEnvironment(std::string environment) {
-  std::lock_guard<std::mutex> lock(_mutex);
-  _environment = std::move(environment);
+  replaceLocked(_impl->mutex, _impl->environment, std::move(environment));
 }
-std::string Telvo::property() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _property;
-}
+std::string Telvo::property() const { return locked(_impl->mutex, _impl->property); }
 void Telvo::setProperty(std::string property) {
-  std::lock_guard<std::mutex> lock(_mutex);
-  _property = std::move(property);
+  replaceLocked(_impl->mutex, _impl->property, std::move(property));
 }
-bool Telvo::isInitialized() const { return _initialized.load(std::memory_order_acquire); }
+bool Telvo::isInitialized() const { return _impl->initialized.load(std::memory_order_acquire); }
 void Telvo::setInitialized(bool initialized) {
-  _initialized.store(initialized, std::memory_order_release);
+  _impl->initialized.store(initialized, std::memory_order_release);
 }
-bool Telvo::isThrottled() const { return _throttled.load(std::memory_order_acquire); }
-Json Telvo::sessionID() const { return *sessionPointer(); }
-double Telvo::timeStampDelta() const { return _timeStampDelta.load(std::memory_order_acquire); }
-std::int64_t Telvo::postCount() const { return _postCount.load(std::memory_order_relaxed); }
+bool Telvo::isThrottled() const { return _impl->throttled.load(std::memory_order_acquire); }
+Json Telvo::sessionID() const { return *locked(_impl->mutex, _impl->sessionID); }
+double Telvo::timeStampDelta() const {
+  return _impl->timeStampDelta.load(std::memory_order_acquire);
+}
+std::int64_t Telvo::postCount() const { return _impl->postCount.load(std::memory_order_relaxed); }
 void Telvo::setPostCount(std::int64_t postCount) {
-  _postCount.store(postCount, std::memory_order_relaxed);
+  _impl->postCount.store(postCount, std::memory_order_relaxed);
 }
 std::shared_ptr<const TelvoMasterConfig> Telvo::masterConfig() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _masterConfig;
+  return locked(_impl->mutex, _impl->masterConfig);
 }
-std::shared_ptr<Timer> Telvo::batchTimer() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _batchTimer;
-}
+std::shared_ptr<Timer> Telvo::batchTimer() const { return locked(_impl->mutex, _impl->batchTimer); }
 void Telvo::setBatchTimer(std::shared_ptr<Timer> timer) {
-  std::shared_ptr<Timer> previous;  // released outside the lock
-  std::lock_guard<std::mutex> lock(_mutex);
-  previous = std::exchange(_batchTimer, std::move(timer));
+  replaceLocked(_impl->mutex, _impl->batchTimer, std::move(timer));
 }
-std::vector<Event> Telvo::batch() const { return _queue->copy(); }
-void Telvo::setBatch(std::vector<Event> batch) { _queue->replace(batch); }
-bool Telvo::debug() const { return _debug.load(std::memory_order_relaxed); }
-void Telvo::setDebug(bool debug) { _debug.store(debug, std::memory_order_relaxed); }
+std::vector<Event> Telvo::batch() const { return _impl->queue.copy(); }
+void Telvo::setBatch(std::vector<Event> batch) { _impl->queue.replace(batch); }
+bool Telvo::debug() const { return _impl->debugging(); }
+void Telvo::setDebug(bool debug) { _impl->debug.store(debug, std::memory_order_relaxed); }
 std::shared_ptr<TelvoDelegate> Telvo::delegate() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _delegate.lock();
+  return locked(_impl->mutex, _impl->delegate).lock();
 }
 void Telvo::setDelegate(std::weak_ptr<TelvoDelegate> delegate) {
-  std::lock_guard<std::mutex> lock(_mutex);
-  _delegate = std::move(delegate);
+  replaceLocked(_impl->mutex, _impl->delegate, std::move(delegate));
 }
 
-#define TELVO_HOST_SLOT(Getter, Setter, field)           \
-  std::shared_ptr<void> Telvo::Getter() const {          \
-    std::lock_guard<std::mutex> lock(_mutex);            \
-    return field;                                        \
-  }                                                      \
-  void Telvo::Setter(std::shared_ptr<void> value) {      \
-    std::lock_guard<std::mutex> lock(_mutex);            \
-    value.swap(field); /* the old value dies unlocked */ \
+#define TELVO_HOST_SLOT(Getter, Setter)                                \
+  std::shared_ptr<void> Telvo::Getter() const {                        \
+    return locked(_impl->mutex, _impl->Getter);                        \
+  }                                                                    \
+  void Telvo::Setter(std::shared_ptr<void> value) {                    \
+    replaceLocked(_impl->mutex, _impl->Getter, std::move(value));      \
   }
 
-TELVO_HOST_SLOT(managedObjectContext, setManagedObjectContext, _managedObjectContext)
-TELVO_HOST_SLOT(managedObjectModel, setManagedObjectModel, _managedObjectModel)
-TELVO_HOST_SLOT(persistentStoreCoordinator, setPersistentStoreCoordinator,
-                _persistentStoreCoordinator)
-TELVO_HOST_SLOT(NSMOCLock, setNSMOCLock, _NSMOCLock)
-TELVO_HOST_SLOT(NSPSCLock, setNSPSCLock, _NSPSCLock)
+TELVO_HOST_SLOT(managedObjectContext, setManagedObjectContext)
+TELVO_HOST_SLOT(managedObjectModel, setManagedObjectModel)
+TELVO_HOST_SLOT(persistentStoreCoordinator, setPersistentStoreCoordinator)
+TELVO_HOST_SLOT(NSMOCLock, setNSMOCLock)
+TELVO_HOST_SLOT(NSPSCLock, setNSPSCLock)
 
 #undef TELVO_HOST_SLOT
+
+// --- Shared helpers of the implementation.
+
+Telvo::Impl::Snapshot Telvo::Impl::snapshot() const {
+  std::lock_guard<std::mutex> lock(mutex);
+  return Snapshot{config, masterConfig, sessionID};
+}
+
+double Telvo::Impl::serviceMilliseconds() const {
+  // std::round rounds half-way cases away from zero.
+  return std::round(platform.clock->now() * 1000.0) -
+         timeStampDelta.load(std::memory_order_relaxed);
+}
+
+void Telvo::Impl::setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master) {
+  std::lock_guard<std::mutex> lock(mutex);
+  enabled.store(master && master->enabled(), std::memory_order_release);
+  masterConfig = std::move(master);
+}
 
 }  // namespace telvo

@@ -1,9 +1,13 @@
 #include "delivery/batch_payload.h"
 
-#include "core/json_text.h"
+#include "encoding/envelope_request.h"
+#include "encoding/json_text.h"
 
 namespace telvo {
-namespace core {
+namespace delivery {
+
+using encoding::appendJsonString;
+using encoding::dumpJson;
 
 std::string BatchPayload::write(const Json& sessionId, const std::deque<QueuedEvent>& events) {
   const std::string session = dumpJson(sessionId);
@@ -22,7 +26,7 @@ std::string BatchPayload::write(const Json& sessionId, const std::deque<QueuedEv
     out += "{\"eventType\":";
     appendJsonString(out, event.name());
     out += ",\"eventData\":";
-    if (event.dataIsClientJson()) {
+    if (event.dataIsCompactJson()) {
       out += event.data();
     } else {
       Json parsed = Json::parse(event.data(), nullptr, /*allow_exceptions=*/false);
@@ -38,5 +42,15 @@ std::string BatchPayload::write(const Json& sessionId, const std::deque<QueuedEv
   return out;
 }
 
-}  // namespace core
+URLRequest BatchPayload::request(const TelvoMasterConfig* master, std::string_view payload) {
+  std::optional<std::string> servicesUrl, batchApi;
+  if (master) {
+    servicesUrl = master->servicesUrl();
+    batchApi = master->batchApi();
+  }
+  return encoding::envelopeRequest(
+      encoding::textOrNull(servicesUrl) + encoding::textOrNull(batchApi) + ".json", payload);
+}
+
+}  // namespace delivery
 }  // namespace telvo

@@ -1,14 +1,18 @@
-// The batch post's JSON text, written in one pass.
+// The batch post: its JSON text, written in one pass, and its request.
+// Pure functions of their arguments; any thread.
 #pragma once
 
 #include <deque>
 #include <string>
+#include <string_view>
 
-#include "core/event_queue.h"
+#include "delivery/queued_event.h"
+#include "telvo/telvo_master_config.h"
 #include "telvo/types.h"
+#include "telvo/url_request.h"
 
 namespace telvo {
-namespace core {
+namespace delivery {
 
 struct BatchPayload {
   // {"sessionId": <sessionId>, "events": [{"eventType": name, "eventData":
@@ -16,7 +20,11 @@ struct BatchPayload {
   // is spliced in as it stands; foreign data is parsed and written again, and
   // becomes {} where it is not a JSON object or array.
   static std::string write(const Json& sessionId, const std::deque<QueuedEvent>& events);
+
+  // The POST of `payload` to servicesUrl + batchApi + ".json" (an absent
+  // part, or an absent master configuration, reads "(null)").
+  static URLRequest request(const TelvoMasterConfig* master, std::string_view payload);
 };
 
-}  // namespace core
+}  // namespace delivery
 }  // namespace telvo

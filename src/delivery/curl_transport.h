@@ -1,21 +1,8 @@
-// CurlTransport: the TelvoTransport that runs requests on libcurl.
-//
-// One library thread drives a libcurl multi handle: requests handed over from
-// any thread wake it (curl_multi_wakeup), it runs every transfer and it
-// delivers every completion, one per request, in the order transfers finish.
-// Connections stay open between requests to the same host and TLS sessions
-// and DNS answers are shared, so a run of posts to the service costs one
-// handshake. The CA store is loaded once per transport and cached.
-//
-// The wire carries exactly the caller's header fields, plus what HTTP itself
-// needs (Host, Content-Length) and, for requests that handle cookies, the
-// jar's "Cookie" field: libcurl's own Accept, Expect and form Content-Type
-// fields are suppressed, and nothing asks for or decodes a content encoding.
-//
-// Shutdown: the destructor, and for every transport still alive the process's
-// exit, stop the thread. Transfers still running then get a short grace time;
-// whatever is left after it completes with a cancellation error. Requests sent
-// after shutdown are dropped with a log line.
+// CurlTransport: the library's TelvoTransport. Each request goes out through
+// the libcurl layer (CurlClient) and each answer through the response reader,
+// on the libcurl thread. Requests that handle cookies carry the process jar's
+// cookies and feed it; the service's cookie is kept in the delegate's
+// cookieStore(), or else in the store the transport was made with.
 //
 // Thread safety: every member function may be called from any thread,
 // including from inside a completion.
@@ -28,30 +15,39 @@
 
 namespace telvo {
 
+class Clock;
+class UserDefaults;
+
+namespace delivery {
+class CurlClient;
+}
+
 class CurlTransport final : public TelvoTransport {
  public:
-  // How long transfers in flight may still run once shutdown starts (seconds).
   static constexpr double kShutdownGrace = 1.5;
 
-  static std::shared_ptr<CurlTransport> create(Options options);
+  // `cookieStore` null: the standard user defaults as they are now; `clock`
+  // null: the default clock as it is now.
+  static std::shared_ptr<CurlTransport> create(Options options,
+                                               std::shared_ptr<UserDefaults> cookieStore = nullptr,
+                                               std::shared_ptr<Clock> clock = nullptr);
   ~CurlTransport() override;
 
   void sendRequest(URLRequest request, std::int32_t context,
                    std::shared_ptr<TelvoTransportDelegate> delegate) override;
   bool waitUntilIdle(double timeout) override;
 
-  // Stops the thread as described above, waiting at most about
-  // `graceSeconds` (not at all when called from a completion). Idempotent.
+  // Stops the libcurl thread (see CurlClient::shutdown).
   void shutdown(double graceSeconds);
-
   // New connections opened so far (each one a TCP connect and TLS handshake).
   std::int64_t connectionsOpened() const;
 
-  class Engine;
-
  private:
-  explicit CurlTransport(std::shared_ptr<Engine> engine);
-  std::shared_ptr<Engine> engine_;
+  CurlTransport(std::shared_ptr<delivery::CurlClient> client,
+                std::shared_ptr<UserDefaults> cookieStore, std::shared_ptr<Clock> clock);
+  const std::shared_ptr<delivery::CurlClient> client_;
+  const std::shared_ptr<UserDefaults> cookieStore_;
+  const std::shared_ptr<Clock> clock_;
 };
 
 }  // namespace telvo

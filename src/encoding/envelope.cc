@@ -8,8 +8,10 @@
 #include <new>
 
 #include "encoding/base64_detail.h"
+#include "encoding/envelope_request.h"
 #include "encoding/utf8.h"
 #include "telvo/base64.h"
+#include "telvo/url.h"
 
 namespace telvo {
 namespace {
@@ -168,4 +170,16 @@ DecodedEnvelope decodeTelvoJsonParameter(std::string_view body) {
   return result;
 }
 
+namespace encoding {
+
+URLRequest envelopeRequest(const std::string& address, std::string_view json) {
+  URLRequest request(URLWithURLStringConversion(address), kRequestCachePolicy, kRequestTimeout);
+  request.HTTPMethod = "POST";
+  request.setValue(kEnvelopeContentType, "Content-Type");
+  request.setValue(kEnvelopeContentEncoding, "Content-Encoding");
+  request.HTTPBody = buildTelvoJsonParameter(json);
+  return request;
+}
+
+}  // namespace encoding
 }  // namespace telvo

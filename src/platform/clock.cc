@@ -2,20 +2,16 @@
 
 #include <time.h>
 
-#include <mutex>
-#include <utility>
+#include "platform/process_default.h"
 
 namespace telvo {
 namespace {
 
-struct ClockHolder {
-  std::mutex mutex;
-  std::shared_ptr<Clock> clock;
-};
-
-ClockHolder& holder() {
-  static ClockHolder* h = new ClockHolder;  // leaked: usable during exit
-  return *h;
+platform::ProcessDefault<Clock>& holder() {
+  static auto& h = platform::leakedDefault<Clock>([]() -> std::shared_ptr<Clock> {
+    return std::make_shared<SystemClock>();
+  });
+  return h;
 }
 
 }  // namespace
@@ -26,17 +22,9 @@ double SystemClock::now() const {
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
-std::shared_ptr<Clock> Clock::defaultClock() {
-  std::lock_guard<std::mutex> lock(holder().mutex);
-  if (!holder().clock) holder().clock = std::make_shared<SystemClock>();
-  return holder().clock;
-}
+std::shared_ptr<Clock> Clock::defaultClock() { return holder().get(); }
 
-void Clock::setDefaultClock(std::shared_ptr<Clock> clock) {
-  std::shared_ptr<Clock> previous;
-  std::lock_guard<std::mutex> lock(holder().mutex);
-  previous = std::exchange(holder().clock, std::move(clock));
-  // A null clock goes back to the system clock on the next defaultClock().
-}
+// A null clock goes back to the system clock on the next defaultClock().
+void Clock::setDefaultClock(std::shared_ptr<Clock> clock) { holder().set(std::move(clock)); }
 
 }  // namespace telvo

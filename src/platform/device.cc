@@ -1,33 +1,21 @@
 #include "telvo/device.h"
 
-#include <mutex>
-#include <utility>
+#include "platform/process_default.h"
 
 namespace telvo {
 namespace {
 
-struct DeviceHolder {
-  std::mutex mutex;
-  std::shared_ptr<Device> device;
-};
-
-DeviceHolder& holder() {
-  static DeviceHolder* h = new DeviceHolder;  // leaked: usable during exit
-  return *h;
+platform::ProcessDefault<Device>& holder() {
+  static auto& h = platform::leakedDefault<Device>([]() -> std::shared_ptr<Device> {
+    return std::make_shared<SystemDevice>();
+  });
+  return h;
 }
 
 }  // namespace
 
-std::shared_ptr<Device> Device::currentDevice() {
-  std::lock_guard<std::mutex> lock(holder().mutex);
-  if (!holder().device) holder().device = std::make_shared<SystemDevice>();
-  return holder().device;
-}
+std::shared_ptr<Device> Device::currentDevice() { return holder().get(); }
 
-void Device::setCurrentDevice(std::shared_ptr<Device> device) {
-  std::shared_ptr<Device> previous;
-  std::lock_guard<std::mutex> lock(holder().mutex);
-  previous = std::exchange(holder().device, std::move(device));
-}
+void Device::setCurrentDevice(std::shared_ptr<Device> device) { holder().set(std::move(device)); }
 
 }  // namespace telvo

@@ -1,9 +1,12 @@
 #include "telvo/executor.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <future>
 #include <mutex>
-#include <utility>
 
+#include "platform/process_default.h"
 #include "telvo/thread_executor.h"
 
 namespace telvo {
@@ -12,28 +15,27 @@ namespace {
 // How long process exit waits for each default queue's current work.
 constexpr double kExitDeadline = 1.5;  // seconds
 
-struct QueueHolder {
-  std::mutex mutex;
-  std::shared_ptr<Executor> main;
-  std::shared_ptr<Executor> background;
-};
+std::shared_ptr<Executor> makeMainQueue() {
+  return std::make_shared<ThreadExecutor>(ThreadExecutor::Options{"telvo-main", false});
+}
+std::shared_ptr<Executor> makeBackgroundQueue() {
+  return std::make_shared<ThreadExecutor>(ThreadExecutor::Options{"telvo-background", true});
+}
 
-QueueHolder& holder() {
-  static QueueHolder* h = new QueueHolder;  // leaked: usable during exit
-  return *h;
+platform::ProcessDefault<Executor>& mainHolder() {
+  static auto& h = platform::leakedDefault<Executor>(makeMainQueue);
+  return h;
+}
+platform::ProcessDefault<Executor>& backgroundHolder() {
+  static auto& h = platform::leakedDefault<Executor>(makeBackgroundQueue);
+  return h;
 }
 
 // Stops the library-owned queues at process exit with a deadline, so a busy
 // or stuck worker cannot hang the host's exit. A host-supplied queue is the
 // host's to stop.
 void stopDefaultQueues() {
-  std::shared_ptr<Executor> main, background;
-  {
-    std::lock_guard<std::mutex> lock(holder().mutex);
-    main = holder().main;
-    background = holder().background;
-  }
-  for (const auto& queue : {main, background}) {
+  for (const auto& queue : {mainHolder().peek(), backgroundHolder().peek()}) {
     if (auto owned = std::dynamic_pointer_cast<ThreadExecutor>(queue)) {
       owned->shutdown(kExitDeadline);
     }
@@ -45,36 +47,31 @@ void registerExitHandler() {
   std::call_once(registered, [] { std::atexit(stopDefaultQueues); });
 }
 
-std::shared_ptr<Executor> get(std::shared_ptr<Executor> QueueHolder::*slot, const char* name,
-                              bool lowPriority) {
-  registerExitHandler();
-  std::lock_guard<std::mutex> lock(holder().mutex);
-  auto& queue = holder().*slot;
-  if (!queue) queue = std::make_shared<ThreadExecutor>(ThreadExecutor::Options{name, lowPriority});
-  return queue;
-}
-
-void set(std::shared_ptr<Executor> QueueHolder::*slot, std::shared_ptr<Executor> queue) {
-  std::shared_ptr<Executor> previous;
-  {
-    std::lock_guard<std::mutex> lock(holder().mutex);
-    previous = std::exchange(holder().*slot, std::move(queue));
-  }
-  // Released outside the lock: a replaced ThreadExecutor waits for its worker.
-}
-
 }  // namespace
 
-std::shared_ptr<Executor> mainQueue() { return get(&QueueHolder::main, "telvo-main", false); }
+std::shared_ptr<Executor> mainQueue() {
+  registerExitHandler();
+  return mainHolder().get();
+}
 
-void setMainQueue(std::shared_ptr<Executor> queue) { set(&QueueHolder::main, std::move(queue)); }
+// A replaced ThreadExecutor waits for its worker: released outside the lock.
+void setMainQueue(std::shared_ptr<Executor> queue) { mainHolder().set(std::move(queue)); }
 
 std::shared_ptr<Executor> backgroundQueue() {
-  return get(&QueueHolder::background, "telvo-background", true);
+  registerExitHandler();
+  return backgroundHolder().get();
 }
 
 void setBackgroundQueue(std::shared_ptr<Executor> queue) {
-  set(&QueueHolder::background, std::move(queue));
+  backgroundHolder().set(std::move(queue));
+}
+
+bool drain(Executor& queue, double timeout) {
+  auto done = std::make_shared<std::promise<void>>();
+  auto future = done->get_future();
+  queue.post([done] { done->set_value(); });
+  return future.wait_for(std::chrono::duration<double>(std::max(0.0, timeout))) ==
+         std::future_status::ready;
 }
 
 }  // namespace telvo

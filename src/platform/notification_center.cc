@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/process_default.h"
 #include "telvo/log.h"
 
 namespace telvo {
@@ -20,14 +21,10 @@ struct Registration {
   std::shared_ptr<std::atomic<bool>> active;
 };
 
-struct CenterHolder {
-  std::mutex mutex;
-  std::shared_ptr<NotificationCenter> center;
-};
-
-CenterHolder& holder() {
-  static CenterHolder* h = new CenterHolder;  // leaked: usable during exit
-  return *h;
+platform::ProcessDefault<NotificationCenter>& holder() {
+  static auto& h = platform::leakedDefault<NotificationCenter>(
+      []() -> std::shared_ptr<NotificationCenter> { return std::make_shared<NotificationCenter>(); });
+  return h;
 }
 
 }  // namespace
@@ -37,16 +34,10 @@ struct NotificationCenter::State {
   std::unordered_map<std::string, std::vector<Registration>> registrations;
 };
 
-std::shared_ptr<NotificationCenter> NotificationCenter::defaultCenter() {
-  std::lock_guard<std::mutex> lock(holder().mutex);
-  if (!holder().center) holder().center = std::make_shared<NotificationCenter>();
-  return holder().center;
-}
+std::shared_ptr<NotificationCenter> NotificationCenter::defaultCenter() { return holder().get(); }
 
 void NotificationCenter::setDefaultCenter(std::shared_ptr<NotificationCenter> center) {
-  std::shared_ptr<NotificationCenter> previous;
-  std::lock_guard<std::mutex> lock(holder().mutex);
-  previous = std::exchange(holder().center, std::move(center));
+  holder().set(std::move(center));
 }
 
 NotificationCenter::NotificationCenter() : state_(std::make_shared<State>()) {}

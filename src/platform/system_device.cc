@@ -10,7 +10,7 @@ constexpr const char* kIdentifierKey = "telvoDeviceIdentifier";
 }  // namespace
 
 struct SystemDevice::State {
-  std::shared_ptr<UserDefaults> defaults;  // null: the standard store at first use
+  std::shared_ptr<UserDefaults> defaults;
   const std::string systemVersion = system_info::systemVersion();
   const std::string machine = system_info::machine();
 
@@ -19,11 +19,11 @@ struct SystemDevice::State {
   mutable std::optional<std::string> identifier;  // once read or made, fixed for this object
 };
 
-SystemDevice::SystemDevice() : SystemDevice(nullptr) {}
+SystemDevice::SystemDevice() : SystemDevice(UserDefaults::standardUserDefaults()) {}
 
 SystemDevice::SystemDevice(std::shared_ptr<UserDefaults> defaults)
     : state_(std::make_unique<State>()) {
-  state_->defaults = std::move(defaults);
+  state_->defaults = defaults ? std::move(defaults) : std::make_shared<MemoryUserDefaults>();
 }
 
 SystemDevice::~SystemDevice() = default;
@@ -51,8 +51,7 @@ std::string SystemDevice::identifierForVendor() const {
   }
   // The store is called without our lock held; if two threads get here at
   // once, the first to come back wins and only the winner writes.
-  std::shared_ptr<UserDefaults> defaults =
-      state_->defaults ? state_->defaults : UserDefaults::standardUserDefaults();
+  const std::shared_ptr<UserDefaults>& defaults = state_->defaults;
   std::string candidate;
   bool made = false;
   if (auto stored = defaults->objectForKey(kIdentifierKey);

@@ -2,30 +2,23 @@
 
 #include <cstdlib>
 #include <mutex>
-#include <utility>
+
+#include "platform/process_default.h"
 
 namespace telvo {
 namespace {
 
-struct DefaultsHolder {
-  std::mutex mutex;
-  std::shared_ptr<UserDefaults> defaults;
-};
-
-DefaultsHolder& holder() {
-  static DefaultsHolder* h = new DefaultsHolder;  // leaked: usable during exit
-  return *h;
+platform::ProcessDefault<UserDefaults>& holder() {
+  static auto& h = platform::leakedDefault<UserDefaults>([]() -> std::shared_ptr<UserDefaults> {
+    return std::make_shared<FileUserDefaults>(FileUserDefaults::defaultPath());
+  });
+  return h;
 }
 
 // The process-wide store is never destroyed (its holder is leaked), so changes
 // not yet synchronised are written when the process exits normally.
 void synchronizeAtExit() {
-  std::shared_ptr<UserDefaults> defaults;
-  {
-    std::lock_guard<std::mutex> lock(holder().mutex);
-    defaults = holder().defaults;
-  }
-  if (defaults) defaults->synchronize();
+  if (auto defaults = holder().peek()) defaults->synchronize();
 }
 
 }  // namespace
@@ -33,21 +26,13 @@ void synchronizeAtExit() {
 std::shared_ptr<UserDefaults> UserDefaults::standardUserDefaults() {
   static std::once_flag registered;
   std::call_once(registered, [] { std::atexit(synchronizeAtExit); });
-  std::lock_guard<std::mutex> lock(holder().mutex);
-  if (!holder().defaults) {
-    holder().defaults = std::make_shared<FileUserDefaults>(FileUserDefaults::defaultPath());
-  }
-  return holder().defaults;
+  return holder().get();
 }
 
+// The previous store is released outside the lock: a FileUserDefaults writes
+// its pending changes when destroyed.
 void UserDefaults::setStandardUserDefaults(std::shared_ptr<UserDefaults> defaults) {
-  std::shared_ptr<UserDefaults> previous;
-  {
-    std::lock_guard<std::mutex> lock(holder().mutex);
-    previous = std::exchange(holder().defaults, std::move(defaults));
-  }
-  // Released outside the lock: a FileUserDefaults writes its pending changes
-  // when destroyed.
+  holder().set(std::move(defaults));
 }
 
 }  // namespace telvo

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <functional>
 
+#include "support/test_platform.h"
 #include "telvo/device.h"
 #include "telvo/log.h"
 

@@ -32,7 +32,7 @@ TEST(BatchTimer, StartsOnHelloWithTheBatchAmountAsInterval) {
 TEST(BatchTimer, RefusedBeforeHelloAndFlooredForBadIntervals) {
   VirtualPlatform platform;
   CapturedLog log;
-  auto fresh = Telvo::create(testConfig(), "web", "prod");
+  auto fresh = Telvo::create(testConfig(), "web", "prod", platform.record());
   fresh->setDebug(true);
   fresh->startTimer();
   EXPECT_FALSE(fresh->batchTimer());

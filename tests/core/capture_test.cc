@@ -48,7 +48,7 @@ TEST(Capture, NoDataCarriesOnlyTheApplicationName) {
 
 TEST(Capture, DropsSilentlyUnlessInitialisedEnabledAndUnthrottled) {
   VirtualPlatform platform;
-  auto fresh = Telvo::create(testConfig(), "web", "prod");
+  auto fresh = Telvo::create(testConfig(), "web", "prod", platform.record());
   auto disabled = initializedClient(platform, configDocument({{"enabled", false}}));
   auto throttled =
       initializedClient(platform, configDocument(), {{"sessionId", "S"}, {"throttled", true}});

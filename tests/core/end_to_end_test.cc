@@ -9,9 +9,11 @@
 #include <thread>
 
 #include "support/https_test_server.h"
+#include "support/test_platform.h"
 #include "telvo/clock.h"
 #include "telvo/device.h"
 #include "telvo/envelope.h"
+#include "telvo/notification_center.h"
 #include "telvo/telvo.h"
 #include "telvo/user_defaults.h"
 
@@ -77,16 +79,19 @@ TEST(EndToEnd, ClientsTalkToTheServiceOverHttps) {
 
   TelvoTransport::Options options;
   options.caFile = server.certificateFile();
-  TelvoTransport::setSharedTransport(TelvoTransport::makeCurlTransport(options));
   auto defaults = std::make_shared<MemoryUserDefaults>();
-  UserDefaults::setStandardUserDefaults(defaults);
-  Device::setCurrentDevice(std::make_shared<FixedDevice>());
+  // The real queues and clock; libcurl against the local server.
+  Platform platform;
+  platform.transport = TelvoTransport::makeCurlTransport(options, defaults);
+  platform.notificationCenter = std::make_shared<NotificationCenter>();
+  platform.userDefaults = defaults;
+  platform.device = std::make_shared<FixedDevice>();
   auto config = [&] {
     return std::make_shared<TelvoConfig>("linux", "12", "den", "3.0", "Player",
                                          server.url("/config/"));
   };
 
-  auto client = Telvo::create(config(), "web", "prod");
+  auto client = Telvo::create(config(), "web", "prod", platform);
   ASSERT_TRUE(waitUntil([&] { return client->isInitialized(); }));
   EXPECT_EQ(client->sessionID(), Json("S-42"));
   EXPECT_NEAR(client->timeStampDelta(), kServiceBehindMs, 5000);
@@ -139,7 +144,7 @@ TEST(EndToEnd, ClientsTalkToTheServiceOverHttps) {
 
   // The hello answer's cookie was kept; a second client sends it and nothing else.
   ASSERT_TRUE(defaults->objectForKey(TelvoUUIDCookieKey));
-  auto second = Telvo::create(config(), "web", "prod");
+  auto second = Telvo::create(config(), "web", "prod", platform);
   ASSERT_TRUE(waitUntil([&] { return second->isInitialized(); }));
   hello = requestsTo(server, "/api/hello");
   ASSERT_EQ(hello.size(), 2u);
@@ -150,10 +155,7 @@ TEST(EndToEnd, ClientsTalkToTheServiceOverHttps) {
 
   client.reset();
   second.reset();
-  EXPECT_TRUE(TelvoTransport::sharedTransport()->waitUntilIdle(kWait));
-  TelvoTransport::setSharedTransport(nullptr);
-  UserDefaults::setStandardUserDefaults(nullptr);
-  Device::setCurrentDevice(nullptr);
+  EXPECT_TRUE(platform.transport->waitUntilIdle(kWait));
 }
 
 }  // namespace

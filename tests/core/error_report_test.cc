@@ -57,7 +57,7 @@ TEST(ErrorReport, ThrottledStillSendsUninitialisedIsSilent) {
   VirtualPlatform platform;
   auto throttled =
       initializedClient(platform, configDocument(), {{"sessionId", "S"}, {"throttled", true}});
-  auto fresh = Telvo::create(testConfig(), "web", "prod");
+  auto fresh = Telvo::create(testConfig(), "web", "prod", platform.record());
   CapturedLog log;
   fresh->setDebug(true);
   fresh->sendError(7);

@@ -8,7 +8,7 @@ namespace {
 
 TEST(Lifecycle, StartValuesAndConfigurationFetch) {
   VirtualPlatform platform;
-  auto client = Telvo::create(testConfig(), "web", "prod");
+  auto client = Telvo::create(testConfig(), "web", "prod", platform.record());
   ASSERT_TRUE(client);
   EXPECT_FALSE(client->isInitialized());
   EXPECT_FALSE(client->isThrottled());
@@ -41,7 +41,7 @@ TEST(Lifecycle, ConfigurationLocationJoinsPartsAsTheyStand) {
   auto config = testConfig();
   config->setConfigBaseUrl("http://cdn.example.test/base");
   config->setSite(std::nullopt);
-  auto client = Telvo::create(config, "web", "prod");
+  auto client = Telvo::create(config, "web", "prod", platform.record());
   ASSERT_TRUE(config->configURL());
   EXPECT_EQ(config->configURL()->absoluteString(),
             "https://cdn.example.test/basePlayer/(null)/telvoanalytics.json");
@@ -50,14 +50,14 @@ TEST(Lifecycle, ConfigurationLocationJoinsPartsAsTheyStand) {
 TEST(Lifecycle, NullConfigurationGivesNoClient) {
   VirtualPlatform platform;
   CapturedLog log;
-  EXPECT_FALSE(Telvo::create(nullptr, "web", "prod"));
+  EXPECT_FALSE(Telvo::create(nullptr, "web", "prod", platform.record()));
   EXPECT_EQ(log.lines().size(), 1u);
   EXPECT_EQ(platform.transport->count(), 0u);
 }
 
 TEST(Lifecycle, HostSlotsAndDelegateAreKeptAsGiven) {
   VirtualPlatform platform;
-  auto client = Telvo::create(testConfig(), "web", "prod");
+  auto client = Telvo::create(testConfig(), "web", "prod", platform.record());
   auto object = std::make_shared<int>(7);
   client->setManagedObjectContext(object);
   client->setManagedObjectModel(object);

@@ -34,9 +34,9 @@ TEST(Startup, UnreadableConfigurationIsLoggedAndLeavesTheClientUnconfigured) {
 
 TEST(Startup, HelloCarriesTheDescriptionOfAppAndDevice) {
   VirtualPlatform platform;
-  auto plain = Telvo::create(testConfig(), "web", "prod");
+  auto plain = Telvo::create(testConfig(), "web", "prod", platform.record());
   platform.transport->answerJson(0, configDocument());
-  auto withToken = Telvo::create(testConfig(), "web", "prod");
+  auto withToken = Telvo::create(testConfig(), "web", "prod", platform.record());
   platform.transport->answerJson(2, configDocument({{"telvoUserIdEnabled", "true"}}));
 
   const auto hello = platform.transport->at(1);
@@ -97,7 +97,7 @@ TEST(Startup, AbsentHelloValueKeepsTheClientUninitialised) {
 
 TEST(Startup, HelloAnswerNotifiesBeforeTheClientBecomesInitialised) {
   VirtualPlatform platform;
-  auto client = Telvo::create(testConfig(), "web", "prod");
+  auto client = Telvo::create(testConfig(), "web", "prod", platform.record());
   auto delegate = std::make_shared<RecordingDelegate>();
   client->setDelegate(delegate);
   platform.transport->answerJson(0, configDocument());
@@ -127,7 +127,7 @@ TEST(Startup, HelloAnswerNotifiesBeforeTheClientBecomesInitialised) {
   platform.center->removeObserver(this);
 
   // A delegate without the operation hears nothing.
-  auto other = Telvo::create(testConfig(), "web", "prod");
+  auto other = Telvo::create(testConfig(), "web", "prod", platform.record());
   auto silent = std::make_shared<RecordingDelegate>();
   silent->responds = false;
   other->setDelegate(silent);
@@ -140,7 +140,7 @@ TEST(Startup, HelloAnswerNotifiesBeforeTheClientBecomesInitialised) {
 TEST(Startup, HelloAnswerWithoutSessionIdChangesNothing) {
   VirtualPlatform platform;
   CapturedLog log;
-  auto client = Telvo::create(testConfig(), "web", "prod");
+  auto client = Telvo::create(testConfig(), "web", "prod", platform.record());
   client->setDebug(true);
   platform.transport->answerJson(0, configDocument());
   platform.transport->answerJson(1, {{"throttled", true}});

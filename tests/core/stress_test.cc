@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 #include <map>
 #include <thread>
 
 #include "support/recording_transport.h"
+#include "support/test_platform.h"
 #include "telvo/device.h"
 #include "telvo/notification_center.h"
 #include "telvo/telvo.h"
@@ -16,12 +16,6 @@
 
 namespace telvo {
 namespace {
-
-void drain(Executor& queue) {
-  std::promise<void> done;
-  queue.post([&] { done.set_value(); });
-  ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
-}
 
 TEST(Stress, EveryAcceptedEventReachesExactlyOnePost) {
   auto transport = std::make_shared<RecordingTransport>();
@@ -43,15 +37,17 @@ TEST(Stress, EveryAcceptedEventReachesExactlyOnePost) {
       self.answerJson(index, Json::object());
     }
   });
-  TelvoTransport::setSharedTransport(transport);
   auto center = std::make_shared<NotificationCenter>();
-  NotificationCenter::setDefaultCenter(center);
-  UserDefaults::setStandardUserDefaults(std::make_shared<MemoryUserDefaults>());
-  Device::setCurrentDevice(std::make_shared<FixedDevice>());
+  // The real main and background queues and clock; the rest fakes.
+  Platform platform;
+  platform.transport = transport;
+  platform.notificationCenter = center;
+  platform.userDefaults = std::make_shared<MemoryUserDefaults>();
+  platform.device = std::make_shared<FixedDevice>();
 
   auto client = Telvo::create(
       std::make_shared<TelvoConfig>("linux", "12", "s", "1", "App", "https://cdn.test/"), "p",
-      "prod");
+      "prod", platform);
   ASSERT_TRUE(client->isInitialized());
 
   constexpr int kThreads = 4, kEvents = 1500, kErrors = 20;
@@ -77,10 +73,10 @@ TEST(Stress, EveryAcceptedEventReachesExactlyOnePost) {
   running = false;
   lifecycle.join();
 
-  drain(*mainQueue());
+  ASSERT_TRUE(drain(*mainQueue(), 30));
   client->dumpEvents();
-  drain(*mainQueue());
-  drain(*backgroundQueue());
+  ASSERT_TRUE(drain(*mainQueue(), 30));
+  ASSERT_TRUE(drain(*backgroundQueue(), 30));
   client.reset();
 
   std::map<std::pair<int, int>, int> seen;
@@ -100,11 +96,6 @@ TEST(Stress, EveryAcceptedEventReachesExactlyOnePost) {
   EXPECT_EQ(errors, static_cast<std::size_t>(kThreads * kErrors));
   EXPECT_EQ(seen.size(), static_cast<std::size_t>(kThreads * kEvents));
   for (const auto& [key, count] : seen) EXPECT_EQ(count, 1) << key.first << "/" << key.second;
-
-  TelvoTransport::setSharedTransport(nullptr);
-  NotificationCenter::setDefaultCenter(nullptr);
-  UserDefaults::setStandardUserDefaults(nullptr);
-  Device::setCurrentDevice(nullptr);
 }
 
 }  // namespace

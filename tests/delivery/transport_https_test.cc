@@ -80,11 +80,10 @@ class TransportHttpsTest : public ::testing::Test {
 
   void SetUp() override {
     defaults_ = std::make_shared<MemoryUserDefaults>();
-    UserDefaults::setStandardUserDefaults(defaults_);
     server_->reset();
     TelvoTransport::Options options;
     options.caFile = server_->certificateFile();
-    transport_ = TelvoTransport::makeCurlTransport(options);
+    transport_ = TelvoTransport::makeCurlTransport(options, defaults_);
   }
 
   URLRequest request(const std::string& path, double timeout = kWait) {
@@ -323,6 +322,8 @@ TEST_F(TransportHttpsTest, SharedTransportIsOneInstanceUntilReplaced) {
   options.caFile = server_->certificateFile();
   TelvoTransport::setOptions(options);
   TelvoTransport::setSharedTransport(nullptr);
+  // Made now, the shared transport keeps cookies in the standard store.
+  UserDefaults::setStandardUserDefaults(defaults_);
   auto shared = TelvoTransport::sharedTransport();
   EXPECT_EQ(shared, TelvoTransport::sharedTransport());
   auto delegate = std::make_shared<TestTransportDelegate>(true);
@@ -334,6 +335,7 @@ TEST_F(TransportHttpsTest, SharedTransportIsOneInstanceUntilReplaced) {
   EXPECT_EQ(TelvoTransport::sharedTransport(), transport_);
   TelvoTransport::setSharedTransport(nullptr);
   TelvoTransport::setOptions({});
+  UserDefaults::setStandardUserDefaults(nullptr);
 }
 
 }  // namespace

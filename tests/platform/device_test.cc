@@ -8,6 +8,7 @@
 
 #include "platform/system_info.h"
 #include "platform/temp_folder.h"
+#include "support/test_platform.h"
 #include "telvo/clock.h"
 #include "telvo/log.h"
 #include "telvo/user_defaults.h"

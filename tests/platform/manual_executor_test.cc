@@ -1,4 +1,4 @@
-#include "telvo/manual_executor.h"
+#include "support/manual_executor.h"
 
 #include <gtest/gtest.h>
 

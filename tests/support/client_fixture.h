@@ -1,8 +1,7 @@
-// Test support for client tests in virtual time: installs fakes as the process
-// defaults (manual main and background queues, a test clock, a recording
-// transport, a private notification centre, in-memory user defaults, a fixed
-// device) and restores the real defaults when destroyed. Clients made while it
-// lives keep the fakes.
+// Test support for client tests in virtual time: a platform record of fakes
+// (manual main and background queues, a test clock, a recording transport, a
+// private notification centre, in-memory user defaults, a fixed device) for
+// clients made with record(). The process defaults are left alone.
 #pragma once
 
 #include <memory>
@@ -10,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "support/manual_executor.h"
 #include "support/recording_transport.h"
-#include "telvo/clock.h"
-#include "telvo/device.h"
+#include "support/test_platform.h"
 #include "telvo/log.h"
-#include "telvo/manual_executor.h"
 #include "telvo/notification_center.h"
+#include "telvo/platform.h"
 #include "telvo/telvo.h"
 #include "telvo/user_defaults.h"
 
@@ -61,27 +60,24 @@ struct VirtualPlatform {
   std::shared_ptr<FixedDevice> device = std::make_shared<FixedDevice>(
       "12", "armv7l", "Set-top box", "0A1B2C3D-0000-4000-8000-00000000ABCD");
 
-  VirtualPlatform() {
-    setMainQueue(main);
-    setBackgroundQueue(background);
-    Clock::setDefaultClock(clock);
-    TelvoTransport::setSharedTransport(transport);
-    NotificationCenter::setDefaultCenter(center);
-    UserDefaults::setStandardUserDefaults(defaults);
-    Device::setCurrentDevice(device);
-  }
   ~VirtualPlatform() {
     // Queued work and unanswered requests hold their clients, which hold the
     // queues and the transport: run the one and drop the other.
     settle();
     transport->clear();
-    setMainQueue(nullptr);
-    setBackgroundQueue(nullptr);
-    Clock::setDefaultClock(nullptr);
-    TelvoTransport::setSharedTransport(nullptr);
-    NotificationCenter::setDefaultCenter(nullptr);
-    UserDefaults::setStandardUserDefaults(nullptr);
-    Device::setCurrentDevice(nullptr);
+  }
+
+  // The record a client of this platform is made with.
+  Platform record() const {
+    Platform platform;
+    platform.mainQueue = main;
+    platform.backgroundQueue = background;
+    platform.clock = clock;
+    platform.transport = transport;
+    platform.notificationCenter = center;
+    platform.userDefaults = defaults;
+    platform.device = device;
+    return platform;
   }
 
   // Runs both queues until neither has work left.
@@ -121,7 +117,7 @@ inline std::shared_ptr<Telvo> initializedClient(
     const Json& hello = {{"sessionId", "S-1"}, {"timestamp", 1700000000000.0}},
     std::shared_ptr<TelvoConfig> config = testConfig(), const std::string& environment = "prod") {
   const std::size_t first = platform.transport->count();
-  auto client = Telvo::create(std::move(config), "web", environment);
+  auto client = Telvo::create(std::move(config), "web", environment, platform.record());
   platform.transport->answerJson(first, document);
   if (platform.transport->count() > first + 1) platform.transport->answerJson(first + 1, hello);
   platform.settle();

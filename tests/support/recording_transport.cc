@@ -3,7 +3,9 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "delivery/response_reader.h"
 #include "telvo/envelope.h"
+#include "telvo/user_defaults.h"
 
 namespace telvo {
 
@@ -69,12 +71,24 @@ std::shared_ptr<TelvoTransportDelegate> RecordingTransport::take(std::size_t ind
   return std::move(entries_[index].delegate);
 }
 
-void RecordingTransport::answer(std::size_t index, const std::string& body,
-                                const HTTPHeaderFields& headers) {
+RecordingTransport::RecordingTransport(std::shared_ptr<UserDefaults> cookieStore)
+    : cookieStore_(std::move(cookieStore)) {}
+
+void RecordingTransport::complete(std::size_t index, delivery::HttpResponse response) {
   Sent sent;
   auto delegate = take(index, sent);
-  complete(sent.request, sent.context, delegate, std::nullopt, headers,
-           Bytes(body.begin(), body.end()));
+  std::shared_ptr<UserDefaults> store = delegate ? delegate->cookieStore() : nullptr;
+  delivery::readResponse(sent.request, sent.context, delegate, response,
+                         delivery::ResponseSinks{nullptr, store ? store : cookieStore_, 0});
+}
+
+void RecordingTransport::answer(std::size_t index, const std::string& body,
+                                const HTTPHeaderFields& headers) {
+  delivery::HttpResponse response;
+  response.status = 200;
+  response.headers = headers;
+  response.body.assign(body.begin(), body.end());
+  complete(index, std::move(response));
 }
 
 void RecordingTransport::answerJson(std::size_t index, const Json& body,
@@ -83,9 +97,9 @@ void RecordingTransport::answerJson(std::size_t index, const Json& body,
 }
 
 void RecordingTransport::fail(std::size_t index) {
-  Sent sent;
-  auto delegate = take(index, sent);
-  complete(sent.request, sent.context, delegate, Error{"telvo.transport", 7, "refused"}, {}, {});
+  delivery::HttpResponse response;
+  response.error = Error{"telvo.transport", 7, "refused"};
+  complete(index, std::move(response));
 }
 
 void RecordingTransport::clear() {

@@ -1,6 +1,7 @@
 // A transport for unit tests: it records every request and answers only when
-// the test says so, through the real completion path of TelvoTransport
-// (cookie keeping, callback stripping, parsing, delivery).
+// the test says so, through the library's response reader (cookie keeping,
+// callback stripping, parsing, delivery). The service's cookie goes to the
+// delegate's cookieStore(), else to the store given here (if any).
 #pragma once
 
 #include <cstddef>
@@ -16,8 +17,15 @@
 
 namespace telvo {
 
+class UserDefaults;
+namespace delivery {
+struct HttpResponse;
+}
+
 class RecordingTransport : public TelvoTransport {
  public:
+  explicit RecordingTransport(std::shared_ptr<UserDefaults> cookieStore = nullptr);
+
   struct Sent {
     URLRequest request;
     std::int32_t context = 0;
@@ -59,6 +67,9 @@ class RecordingTransport : public TelvoTransport {
     bool open = true;
   };
   std::shared_ptr<TelvoTransportDelegate> take(std::size_t index, Sent& sent);
+  void complete(std::size_t index, delivery::HttpResponse response);
+
+  const std::shared_ptr<UserDefaults> cookieStore_;
 
   mutable std::mutex mutex_;
   std::vector<Entry> entries_;

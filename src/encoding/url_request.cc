@@ -1,15 +1,15 @@
 #include "telvo/url_request.h"
 
-#include <strings.h>
-
 #include <algorithm>
+
+#include "encoding/text.h"
 
 namespace telvo {
 
 namespace {
 
 bool sameFieldName(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+  return encoding::equalsIgnoringCase(a, b);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// Small text helpers shared by the client's files: JSON writing that never
-// throws, the design's "(null)" for absent values, and truth values.
+// JSON text helpers shared by the client and its value-level steps: writing
+// that never throws, "(null)" for absent values, truth values and numbers
+// read from answers and documents. Pure functions; any thread.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +11,7 @@
 #include "telvo/types.h"
 
 namespace telvo {
-namespace core {
+namespace encoding {
 
 // Compact JSON. Invalid UTF-8 in strings becomes U+FFFD instead of throwing;
 // non-finite numbers become null.
@@ -22,9 +23,12 @@ std::string textOrNull(const std::optional<std::string>& value);
 // Compact JSON of `value`, or "(null)" when absent.
 std::string jsonOrNull(const std::optional<Json>& value);
 
-// Truth of a hello answer's member: booleans as they are, numbers when not
-// zero, text when (after white space, an optional sign and zeros) it begins
-// with Y, y, T, t or a digit 1-9; anything else is false.
+// Truth of text: after white space, an optional sign and zeros, it begins
+// with Y, y, T, t or a digit 1-9.
+bool truthFromText(std::string_view text);
+
+// Truth of a member: booleans as they are, numbers when not zero, text as
+// truthFromText; anything else is false.
 bool truthValue(const Json& value);
 
 // A number read from a JSON number, or from text holding one; 0 otherwise.
@@ -43,5 +47,5 @@ bool appendJson(std::string& out, const Json& value);
 // copying or changing `data`. False for non-finite numbers, as appendJson.
 bool appendEventData(std::string& out, const Json& data, std::int64_t timestamp);
 
-}  // namespace core
+}  // namespace encoding
 }  // namespace telvo

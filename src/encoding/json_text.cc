@@ -1,12 +1,11 @@
-#include "core/json_text.h"
+#include "encoding/json_text.h"
 
-#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
 
 namespace telvo {
-namespace core {
+namespace encoding {
 
 std::string dumpJson(const Json& value) {
   return value.dump(-1, ' ', false, Json::error_handler_t::replace);
@@ -20,18 +19,24 @@ std::string jsonOrNull(const std::optional<Json>& value) {
   return value ? dumpJson(*value) : std::string("(null)");
 }
 
-bool truthValue(const Json& value) {
-  if (value.is_boolean()) return value.get<bool>();
-  if (value.is_number()) return value.get<double>() != 0;
-  if (!value.is_string()) return false;
-  const std::string& text = value.get_ref<const std::string&>();
+bool truthFromText(std::string_view text) {
+  auto isWhiteSpace = [](char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+  };
   std::size_t i = 0;
-  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+  while (i < text.size() && isWhiteSpace(text[i])) ++i;
   if (i < text.size() && (text[i] == '+' || text[i] == '-')) ++i;
   while (i < text.size() && text[i] == '0') ++i;
   if (i == text.size()) return false;
   const char c = text[i];
   return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
+bool truthValue(const Json& value) {
+  if (value.is_boolean()) return value.get<bool>();
+  if (value.is_number()) return value.get<double>() != 0;
+  if (value.is_string()) return truthFromText(value.get_ref<const std::string&>());
+  return false;
 }
 
 double numberValue(const Json& value) {
@@ -127,5 +132,5 @@ bool appendEventData(std::string& out, const Json& data, std::int64_t timestamp)
   return true;
 }
 
-}  // namespace core
+}  // namespace encoding
 }  // namespace telvo

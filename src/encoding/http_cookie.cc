@@ -1,12 +1,12 @@
 #include "telvo/http_cookie.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <ctime>
 
-#include "telvo/clock.h"
+#include "encoding/cookie_rules.h"
+#include "encoding/text.h"
 
 namespace telvo {
 
@@ -14,9 +14,11 @@ namespace {
 
 constexpr const char* kTrue = "TRUE";
 
-bool equalsIgnoringCase(const std::string& a, const char* b) {
-  return strcasecmp(a.c_str(), b) == 0;
-}
+using encoding::equalsIgnoringCase;
+
+}  // namespace
+
+namespace encoding {
 
 std::string lowercase(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
@@ -24,26 +26,10 @@ std::string lowercase(std::string text) {
   return text;
 }
 
-std::string trim(const std::string& text) {
-  const char* space = " \t";
-  auto begin = text.find_first_not_of(space);
-  if (begin == std::string::npos) return "";
-  auto end = text.find_last_not_of(space);
-  return text.substr(begin, end - begin + 1);
-}
-
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-
-// Cookie text may not carry what would end or split a header line.
-bool safeForHeader(const std::string& text) {
-  return text.find_first_of("\r\n;", 0) == std::string::npos &&
-         text.find('\0') == std::string::npos;
-}
-
 bool isIPAddress(const std::string& host) {
   if (host.find(':') != std::string::npos || (!host.empty() && host.front() == '[')) return true;
   return !host.empty() &&
-         std::all_of(host.begin(), host.end(), [](char c) { return isDigit(c) || c == '.'; });
+         std::all_of(host.begin(), host.end(), [](char c) { return (c >= '0' && c <= '9') || c == '.'; });
 }
 
 std::string hostOf(const URL& url) {
@@ -52,7 +38,6 @@ std::string hostOf(const URL& url) {
   return host;
 }
 
-// RFC 6265 5.1.3: `host` is `domain` or a name below it (not for IP addresses).
 bool domainMatches(const std::string& host, const std::string& domain) {
   if (host == domain) return true;
   if (isIPAddress(host) || host.size() <= domain.size()) return false;
@@ -60,7 +45,6 @@ bool domainMatches(const std::string& host, const std::string& domain) {
          host[host.size() - domain.size() - 1] == '.';
 }
 
-// RFC 6265 5.1.4.
 std::string defaultPath(const std::string& uriPath) {
   if (uriPath.empty() || uriPath.front() != '/') return "/";
   auto lastSlash = uriPath.rfind('/');
@@ -72,6 +56,25 @@ bool pathMatches(const std::string& requestPath, const std::string& cookiePath) 
   if (requestPath == cookiePath) return true;
   if (requestPath.compare(0, cookiePath.size(), cookiePath) != 0) return false;
   return cookiePath.back() == '/' || requestPath[cookiePath.size()] == '/';
+}
+
+}  // namespace encoding
+
+namespace {
+
+using encoding::domainMatches;
+using encoding::hostOf;
+using encoding::isIPAddress;
+using encoding::lowercase;
+
+std::string trim(const std::string& text) { return std::string(encoding::trimmed(text)); }
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Cookie text may not carry what would end or split a header line.
+bool safeForHeader(const std::string& text) {
+  return text.find_first_of("\r\n;", 0) == std::string::npos &&
+         text.find('\0') == std::string::npos;
 }
 
 // Reads 1 to `maxDigits` digits at the start of `token`, followed by nothing
@@ -132,10 +135,10 @@ std::optional<double> parseCookieDate(const std::string& text) {
       haveDay = true;
     } else if (!haveMonth && token.size() >= 3 &&
                std::find_if(std::begin(kMonths), std::end(kMonths), [&](const char* name) {
-                 return strncasecmp(token.c_str(), name, 3) == 0;
+                 return equalsIgnoringCase(std::string_view(token).substr(0, 3), name);
                }) != std::end(kMonths)) {
       for (int i = 0; i < 12; ++i) {
-        if (strncasecmp(token.c_str(), kMonths[i], 3) == 0) month = i + 1;
+        if (equalsIgnoringCase(std::string_view(token).substr(0, 3), kMonths[i])) month = i + 1;
       }
       haveMonth = true;
     } else if (!haveYear && leadingNumber(token, 2, 4, &year)) {
@@ -164,10 +167,16 @@ std::optional<double> parseCookieDate(const std::string& text) {
 
 std::vector<HTTPCookie> HTTPCookie::cookiesWithResponseHeaderFields(const HTTPHeaderFields& headers,
                                                                     const URL& url) {
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  return cookiesWithResponseHeaderFields(headers, url,
+                                         std::chrono::duration<double>(sinceEpoch).count());
+}
+
+std::vector<HTTPCookie> HTTPCookie::cookiesWithResponseHeaderFields(const HTTPHeaderFields& headers,
+                                                                    const URL& url, double now) {
   std::vector<HTTPCookie> cookies;
   const std::string host = hostOf(url);
   const std::string requestPath = url.path();
-  const double now = Clock::defaultClock()->now();
   for (const auto& [field, header] : headers) {
     if (!equalsIgnoringCase(field, "Set-Cookie")) continue;
 
@@ -224,7 +233,7 @@ std::vector<HTTPCookie> HTTPCookie::cookiesWithResponseHeaderFields(const HTTPHe
       domain = domainAttribute == host && isIPAddress(host) ? host : "." + domainAttribute;
     }
     if (domain.empty() || !safeForHeader(domain)) continue;
-    if (path.empty()) path = defaultPath(requestPath);
+    if (path.empty()) path = encoding::defaultPath(requestPath);
     if (!safeForHeader(path)) continue;
 
     Json properties = Json::object();
@@ -290,79 +299,5 @@ std::optional<double> HTTPCookie::expiresDate() const {
 }
 
 bool HTTPCookie::isSecure() const { return properties_.contains(HTTPCookieSecure); }
-
-HTTPCookieStorage& HTTPCookieStorage::sharedHTTPCookieStorage() {
-  // Never destroyed: requests may still use it while the process exits.
-  static HTTPCookieStorage* storage = new HTTPCookieStorage();
-  return *storage;
-}
-
-HTTPCookieAcceptPolicy HTTPCookieStorage::cookieAcceptPolicy() const {
-  return static_cast<HTTPCookieAcceptPolicy>(policy_.load());
-}
-
-void HTTPCookieStorage::setCookieAcceptPolicy(HTTPCookieAcceptPolicy policy) {
-  policy_.store(static_cast<int>(policy));
-}
-
-void HTTPCookieStorage::setCookies(const std::vector<HTTPCookie>& cookies, const URL& url) {
-  if (cookieAcceptPolicy() == HTTPCookieAcceptPolicy::Never) return;
-  const std::string host = hostOf(url);
-  const double now = Clock::defaultClock()->now();
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& cookie : cookies) {
-    std::string domain = cookie.domain();
-    if (!domain.empty() && domain.front() == '.') domain.erase(0, 1);
-    if (!domainMatches(host, domain)) continue;
-    cookies_.erase(std::remove_if(cookies_.begin(), cookies_.end(),
-                                  [&](const Stored& stored) {
-                                    return stored.cookie.name() == cookie.name() &&
-                                           stored.cookie.domain() == cookie.domain() &&
-                                           stored.cookie.path() == cookie.path();
-                                  }),
-                   cookies_.end());
-    auto expires = cookie.expiresDate();
-    if (expires && *expires <= now) continue;
-    cookies_.push_back(Stored{cookie, nextOrder_++});
-  }
-}
-
-std::vector<HTTPCookie> HTTPCookieStorage::cookiesForURL(const URL& url) const {
-  const std::string host = hostOf(url);
-  const std::string path = url.path();
-  const bool secureChannel = lowercase(url.scheme()) == "https";
-  const double now = Clock::defaultClock()->now();
-  std::vector<Stored> matching;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& stored : cookies_) {
-      const HTTPCookie& cookie = stored.cookie;
-      const std::string domain = cookie.domain();
-      bool domainOK = !domain.empty() && domain.front() == '.'
-                          ? domainMatches(host, domain.substr(1))
-                          : host == domain;
-      auto expires = cookie.expiresDate();
-      if (domainOK && pathMatches(path, cookie.path()) && (secureChannel || !cookie.isSecure()) &&
-          !(expires && *expires <= now)) {
-        matching.push_back(stored);
-      }
-    }
-  }
-  std::stable_sort(matching.begin(), matching.end(), [](const Stored& a, const Stored& b) {
-    if (a.cookie.path().size() != b.cookie.path().size()) {
-      return a.cookie.path().size() > b.cookie.path().size();
-    }
-    return a.order < b.order;
-  });
-  std::vector<HTTPCookie> result;
-  result.reserve(matching.size());
-  for (auto& stored : matching) result.push_back(std::move(stored.cookie));
-  return result;
-}
-
-void HTTPCookieStorage::deleteAllCookies() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  cookies_.clear();
-}
 
 }  // namespace telvo

@@ -1,0 +1,111 @@
+// Telvo::Impl: the client's state and its own logic (lifecycle, capture and
+// queue, batching, error reports, the handling of every answer). The public
+// Telvo forwards to it; the value-level steps in config/ and delivery/ do the
+// building and reading.
+//
+// Locks: `mutex` guards the fields below it and is never held while calling
+// out (transport, executors, delegate, observers, log sink).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/event_queue.h"
+#include "telvo/platform.h"
+#include "telvo/telvo.h"
+
+namespace telvo {
+
+struct Telvo::Impl {
+  Impl(Telvo& owner, const Platform& platform, std::shared_ptr<TelvoConfig> config,
+       std::string property, std::string environment);
+
+  // --- Capture (capture.cc).
+  void sendEvent(const std::string& name, std::optional<Json> data);
+  // Main queue: captures every pending event in submission order.
+  void drainPendingEvents();
+
+  // --- Error reports (error_report.cc).
+  void sendError(Json code, std::optional<Json> details);
+  // Background queue: builds and posts one report.
+  void postErrorReport(const Json& code, const std::optional<Json>& details);
+
+  // --- Start-up and answers (startup.cc).
+  void getConfigs();
+  void sendHello();
+  void requestDidReceiveResult(const std::optional<Json>& result, std::int32_t context);
+
+  // --- Batching (batching.cc).
+  void startTimer();
+  void stopTimer();
+  void dumpEvents();
+  // Main queue: the body of dumpEvents.
+  void flushNow();
+
+  // The fields a background job reads, taken together under the lock.
+  struct Snapshot {
+    std::shared_ptr<const TelvoConfig> config;
+    std::shared_ptr<const TelvoMasterConfig> master;
+    std::shared_ptr<const Json> session;
+  };
+  Snapshot snapshot() const;
+  // round(now * 1000) - timeStampDelta, on the service's clock.
+  double serviceMilliseconds() const;
+  void setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master);
+  bool debugging() const { return debug.load(std::memory_order_relaxed); }
+  // The client, for work that must keep it alive.
+  std::shared_ptr<Telvo> self() { return owner.shared_from_this(); }
+
+  Telvo& owner;
+  // What the client runs on, fixed at creation.
+  const Platform platform;
+
+  std::atomic<bool> debug{false};
+  std::atomic<bool> throttled{false};
+  // Written with release ordering after sessionID and timeStampDelta, so a
+  // thread that reads it set (acquire) sees both.
+  std::atomic<bool> initialized{false};
+  // Mirrors masterConfig()->enabled() for the caller-thread acceptance test.
+  std::atomic<bool> enabled{false};
+  std::atomic<double> timeStampDelta{0};
+  std::atomic<std::int64_t> postCount{0};
+
+  mutable std::mutex mutex;
+  std::shared_ptr<const Json> sessionID;  // guarded by mutex
+  std::shared_ptr<const TelvoMasterConfig> masterConfig;  // guarded by mutex
+  std::weak_ptr<TelvoDelegate> delegate;                  // guarded by mutex
+  std::shared_ptr<TelvoConfig> config;                    // guarded by mutex
+  std::string environment;                                // guarded by mutex
+  std::string property;                                   // guarded by mutex
+  std::shared_ptr<Timer> batchTimer;                      // guarded by mutex
+  // Opaque host slots, guarded by mutex.
+  std::shared_ptr<void> managedObjectContext, managedObjectModel, persistentStoreCoordinator,
+      NSMOCLock, NSPSCLock;
+
+  // The queue. Changed only on the main queue; it locks itself, so batch()
+  // may copy it from elsewhere.
+  core::EventQueue queue;
+
+  // Accepted calls not yet captured. sendEvent appends here and posts one
+  // drain to the main queue only when none is pending, so a busy main queue
+  // costs the caller no wake-up per event.
+  struct PendingEvent {
+    std::string name;
+    std::optional<Json> data;
+  };
+  std::mutex pendingMutex;
+  std::vector<PendingEvent> pending;  // guarded by pendingMutex
+  bool drainScheduled = false;        // guarded by pendingMutex
+
+ private:
+  void captureEvent(PendingEvent& pending, const Snapshot& snapshot);
+  void handleConfiguration(const std::optional<Json>& result);
+  void handleHello(const std::optional<Json>& result);
+};
+
+}  // namespace telvo

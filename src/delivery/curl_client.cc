@@ -1,0 +1,560 @@
+#include "delivery/curl_client.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <exception>
+#include <mutex>
+#include <stdexcept>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "encoding/text.h"
+#include "telvo/log.h"
+
+namespace telvo {
+namespace delivery {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr const char* kTransferErrorDomain = "telvo.transport";
+// A response body beyond this is refused rather than held in memory.
+constexpr size_t kMaxResponseBytes = 64u << 20;
+constexpr long kMaxConnectionsPerHost = 6;
+constexpr long kConnectionCacheSize = 16;
+constexpr size_t kIdleHandlePoolSize = 16;
+constexpr double kDefaultTimeoutSeconds = 60.0;
+constexpr long kCACacheSeconds = 24 * 60 * 60;
+
+using encoding::equalsIgnoringCase;
+bool sameName(std::string_view a, const char* b) { return equalsIgnoringCase(a, b); }
+
+// RFC 9110 token characters: what a method or a field name may be made of.
+bool isToken(const std::string& text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+           std::string_view("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) != std::string_view::npos;
+  });
+}
+
+bool isFieldValue(const std::string& text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos;
+}
+
+std::string trimmed(std::string_view text) { return std::string(encoding::trimmed(text)); }
+
+Error transferError(std::int64_t code, std::string message) {
+  return Error{kTransferErrorDomain, code, std::move(message)};
+}
+
+}  // namespace
+
+class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
+ public:
+  explicit Engine(Options options);
+  ~Engine();
+
+  void start();
+  void send(URLRequest request, HTTPHeaderFields extraFields, Completion done);
+  bool waitUntilIdle(double timeout);
+  // Starts stopping: transfers in flight get `graceSeconds` from now.
+  void requestStop(double graceSeconds);
+  // Waits for the thread to end (not when called from a completion).
+  void join();
+  void shutdown(double graceSeconds) {
+    requestStop(graceSeconds);
+    join();
+  }
+  std::int64_t connectionsOpened() const { return connectionsOpened_.load(); }
+
+ private:
+  // One request from hand-over to completion. Lives on the heap so libcurl can
+  // keep pointers to its buffers.
+  struct Transfer {
+    URLRequest request;
+    HTTPHeaderFields extraFields;
+    Completion done;
+    CURL* easy = nullptr;
+    curl_slist* headers = nullptr;
+    HttpResponse response;
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+  };
+  using TransferPtr = std::unique_ptr<Transfer>;
+
+  static size_t onHeader(char* data, size_t size, size_t count, void* user);
+  static size_t onBody(char* data, size_t size, size_t count, void* user);
+
+  void run();
+  void loop();
+  // Sets the transfer up on an easy handle; false (with the response's error
+  // set) where the request cannot be sent.
+  bool prepare(Transfer& transfer);
+  void deliver(std::vector<TransferPtr>& finished);
+  void release(Transfer& transfer);
+  bool onEngineThread() const { return std::this_thread::get_id() == threadId_.load(); }
+
+  const Options options_;
+  CURLM* multi_ = nullptr;
+  CURLSH* share_ = nullptr;
+  std::thread thread_;
+  std::atomic<std::thread::id> threadId_{};
+  std::atomic<std::int64_t> connectionsOpened_{0};
+
+  // Touched by the engine thread only.
+  std::unordered_map<CURL*, TransferPtr> running_;
+  std::vector<CURL*> idleHandles_;
+
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  std::vector<TransferPtr> incoming_;  // guarded by mutex_
+  size_t inFlight_ = 0;                // guarded by mutex_: handed over, completion not yet run
+  bool stopping_ = false;              // guarded by mutex_
+  SteadyClock::time_point deadline_;   // guarded by mutex_
+
+  std::mutex joinMutex_;  // serialises joining the thread
+};
+
+namespace {
+
+// Live engines, so that the process's exit can stop their threads before
+// libcurl's and OpenSSL's own exit handlers tear the TLS state down.
+struct Registry {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<CurlClient::Engine>> engines;  // guarded by mutex
+};
+
+Registry& registry() {
+  static Registry* instance = new Registry();  // leaked: used during exit
+  return *instance;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Engine
+
+CurlClient::Engine::Engine(Options options) : options_(std::move(options)) {
+  multi_ = curl_multi_init();
+  share_ = curl_share_init();
+  if (!multi_ || !share_)
+    throw std::runtime_error("libcurl could not make a multi or share handle");
+  // The share handle is used by the engine thread only, so it needs no lock
+  // callbacks.
+  curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+  curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+  curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kConnectionCacheSize);
+}
+
+CurlClient::Engine::~Engine() {
+  // Only reached once the thread has ended (it holds the engine while it runs).
+  for (auto& [easy, transfer] : running_) {
+    curl_multi_remove_handle(multi_, easy);
+    release(*transfer);
+  }
+  for (CURL* easy : idleHandles_) curl_easy_cleanup(easy);
+  if (multi_) curl_multi_cleanup(multi_);
+  if (share_) curl_share_cleanup(share_);
+  if (thread_.joinable()) thread_.detach();  // destroyed on its own thread
+}
+
+void CurlClient::Engine::start() {
+  // The thread keeps its engine alive, so a completion may drop the last
+  // reference to the transport without pulling the engine from under itself.
+  thread_ = std::thread([self = shared_from_this()] { self->run(); });
+  threadId_.store(thread_.get_id());
+}
+
+void CurlClient::Engine::send(URLRequest request, HTTPHeaderFields extraFields, Completion done) {
+  auto transfer = std::make_unique<Transfer>();
+  transfer->request = std::move(request);
+  transfer->extraFields = std::move(extraFields);
+  transfer->done = std::move(done);
+  if (!transfer->request.url) {
+    transfer->response.error = transferError(CURLE_URL_MALFORMAT, "the request has no URL");
+  }
+  std::string dropped;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopping_) {
+      dropped = transfer->request.url ? transfer->request.url->absoluteString() : "(no URL)";
+    } else {
+      incoming_.push_back(std::move(transfer));
+      ++inFlight_;
+    }
+  }
+  if (!dropped.empty()) {
+    // Destroy the transfer (and with it perhaps the delegate) before logging.
+    transfer.reset();
+    log("telvo: transport stopped; request to " + dropped + " dropped");
+    return;
+  }
+  curl_multi_wakeup(multi_);
+}
+
+bool CurlClient::Engine::waitUntilIdle(double timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  // From a completion the wait could only end by time-out.
+  if (onEngineThread()) return inFlight_ == 0;
+  auto limit = std::chrono::duration<double>(std::max(0.0, timeout));
+  return idle_.wait_for(lock, limit, [this] { return inFlight_ == 0; });
+}
+
+void CurlClient::Engine::requestStop(double graceSeconds) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!stopping_) {
+      stopping_ = true;
+      deadline_ = SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(
+                                           std::chrono::duration<double>(graceSeconds));
+    }
+  }
+  curl_multi_wakeup(multi_);
+}
+
+void CurlClient::Engine::join() {
+  if (onEngineThread()) return;  // the loop sees the flag once this completion returns
+  std::lock_guard<std::mutex> lock(joinMutex_);
+  if (thread_.joinable()) thread_.join();
+}
+
+void CurlClient::Engine::run() {
+  try {
+    loop();
+  } catch (const std::exception& e) {
+    log(std::string("telvo: transport thread stopped: ") + e.what());
+  } catch (...) {
+    log("telvo: transport thread stopped by an unknown exception");
+  }
+}
+
+void CurlClient::Engine::loop() {
+  for (;;) {
+    std::vector<TransferPtr> arrived;
+    bool stopping;
+    SteadyClock::time_point deadline;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      arrived.swap(incoming_);
+      stopping = stopping_;
+      deadline = deadline_;
+    }
+
+    std::vector<TransferPtr> finished;
+    for (auto& transfer : arrived) {
+      if (!transfer->response.error && prepare(*transfer)) {
+        CURL* easy = transfer->easy;
+        if (curl_multi_add_handle(multi_, easy) == CURLM_OK) {
+          running_.emplace(easy, std::move(transfer));
+          continue;
+        }
+        transfer->response.error = transferError(CURLE_FAILED_INIT, "libcurl refused the transfer");
+      }
+      finished.push_back(std::move(transfer));
+    }
+
+    int stillRunning = 0;
+    curl_multi_perform(multi_, &stillRunning);
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      CURL* easy = message->easy_handle;
+      const CURLcode result = message->data.result;
+      curl_multi_remove_handle(multi_, easy);
+      auto it = running_.find(easy);
+      if (it == running_.end()) continue;
+      TransferPtr transfer = std::move(it->second);
+      running_.erase(it);
+      long connects = 0;
+      if (curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK) {
+        connectionsOpened_ += connects;
+      }
+      if (result != CURLE_OK) {
+        std::string text =
+            transfer->errorBuffer[0] ? transfer->errorBuffer : curl_easy_strerror(result);
+        transfer->response.error = transferError(result, std::move(text));
+      }
+      finished.push_back(std::move(transfer));
+    }
+
+    if (stopping && !running_.empty() && SteadyClock::now() >= deadline) {
+      for (auto& [easy, transfer] : running_) {
+        curl_multi_remove_handle(multi_, easy);
+        transfer->response.error =
+            transferError(CURLE_ABORTED_BY_CALLBACK, "cancelled: the transport shut down");
+        finished.push_back(std::move(transfer));
+      }
+      running_.clear();
+    }
+
+    deliver(finished);
+
+    if (stopping) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (running_.empty() && incoming_.empty()) return;
+    }
+
+    int waitMs = 1000;
+    if (stopping) {
+      auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now());
+      waitMs = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 100));
+    }
+    curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
+  }
+}
+
+bool CurlClient::Engine::prepare(Transfer& transfer) {
+  const URLRequest& request = transfer.request;
+  std::string method = request.HTTPMethod.empty() ? "GET" : request.HTTPMethod;
+  if (!isToken(method)) {
+    transfer.response.error =
+        transferError(CURLE_BAD_FUNCTION_ARGUMENT, "bad HTTP method \"" + method + "\"");
+    return false;
+  }
+
+  // The caller's fields as given; an empty value needs libcurl's "Name;" form.
+  curl_slist* headers = nullptr;
+  bool hasAccept = false, hasExpect = false, hasContentType = false, hasCookie = false;
+  auto append = [&headers](const std::string& line) {
+    curl_slist* grown = curl_slist_append(headers, line.c_str());
+    if (!grown) throw std::bad_alloc();
+    headers = grown;
+  };
+  try {
+    for (const auto& [name, value] : request.allHTTPHeaderFields) {
+      if (!isToken(name) || !isFieldValue(value)) {
+        curl_slist_free_all(headers);
+        transfer.response.error =
+            transferError(CURLE_BAD_FUNCTION_ARGUMENT, "bad header field \"" + name + "\"");
+        return false;
+      }
+      hasAccept |= sameName(name, "Accept");
+      hasExpect |= sameName(name, "Expect");
+      hasContentType |= sameName(name, "Content-Type");
+      hasCookie |= sameName(name, "Cookie");
+      append(value.empty() ? name + ";" : name + ": " + value);
+    }
+    for (const auto& [name, value] : transfer.extraFields) {
+      if (sameName(name, "Cookie") && hasCookie) continue;
+      append(name + ": " + value);
+    }
+    // libcurl's defaults that the caller did not ask for stay off the wire.
+    if (!hasAccept) append("Accept:");
+    if (!hasExpect) append("Expect:");
+    if (!hasContentType) append("Content-Type:");
+  } catch (...) {
+    curl_slist_free_all(headers);
+    throw;
+  }
+  transfer.headers = headers;
+
+  CURL* easy;
+  if (!idleHandles_.empty()) {
+    easy = idleHandles_.back();
+    idleHandles_.pop_back();
+  } else {
+    easy = curl_easy_init();
+  }
+  if (!easy) {
+    transfer.response.error = transferError(CURLE_FAILED_INIT, "libcurl could not make an easy handle");
+    return false;
+  }
+  transfer.easy = easy;
+
+  curl_easy_setopt(easy, CURLOPT_URL, request.url->absoluteString().c_str());
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_SHARE, share_);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::onHeader);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::onBody);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
+  curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  // The service's requests say "Content-Encoding: gzip" about a body that is
+  // not gzip; nothing on this path may ask for or undo an encoding.
+  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
+
+  double timeout = request.timeoutInterval;
+  if (!(timeout > 0) || !std::isfinite(timeout)) timeout = kDefaultTimeoutSeconds;
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(std::ceil(timeout * 1000)));
+  if (options_.connectTimeout > 0 && std::isfinite(options_.connectTimeout)) {
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::ceil(options_.connectTimeout * 1000)));
+  }
+  if (!options_.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, options_.caFile.c_str());
+  if (!options_.caPath.empty()) curl_easy_setopt(easy, CURLOPT_CAPATH, options_.caPath.c_str());
+  // The parsed store stays in the multi handle, shared by every connection.
+  curl_easy_setopt(easy, CURLOPT_CA_CACHE_TIMEOUT, kCACacheSeconds);
+  if (!options_.proxy.empty()) curl_easy_setopt(easy, CURLOPT_PROXY, options_.proxy.c_str());
+
+  static const char kNoBody[] = "";
+  const bool hasBody = request.HTTPBody.has_value();
+  const char* body = hasBody && !request.HTTPBody->empty()
+                         ? reinterpret_cast<const char*>(request.HTTPBody->data())
+                         : kNoBody;
+  const curl_off_t bodySize = hasBody ? static_cast<curl_off_t>(request.HTTPBody->size()) : 0;
+  if (sameName(method, "GET")) {
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+  } else if (sameName(method, "HEAD")) {
+    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+  } else if (sameName(method, "POST") || hasBody) {
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, bodySize);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body);
+  }
+  // libcurl picks the method from the options above; the caller's spelling
+  // goes on the wire as given.
+  if (method != "GET" && method != "HEAD" && method != "POST") {
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+  return true;
+}
+
+size_t CurlClient::Engine::onHeader(char* data, size_t size, size_t count, void* user) {
+  auto& transfer = *static_cast<Transfer*>(user);
+  const size_t length = size * count;
+  std::string_view line(data, length);
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+  if (line.substr(0, 5) == "HTTP/") {
+    // A new response starts (after a 100-continue or a redirect): only the
+    // final one's fields count.
+    transfer.response.headers.clear();
+  } else if (!line.empty() && (line.front() == ' ' || line.front() == '\t')) {
+    if (!transfer.response.headers.empty()) {
+      transfer.response.headers.back().second += " " + trimmed(line);
+    }
+  } else if (auto colon = line.find(':'); colon != std::string_view::npos && colon > 0) {
+    transfer.response.headers.emplace_back(std::string(line.substr(0, colon)),
+                                          trimmed(line.substr(colon + 1)));
+  }
+  return length;
+}
+
+size_t CurlClient::Engine::onBody(char* data, size_t size, size_t count, void* user) {
+  auto& transfer = *static_cast<Transfer*>(user);
+  const size_t length = size * count;
+  if (transfer.response.body.size() + length > kMaxResponseBytes) return 0;  // a write error
+  transfer.response.body.insert(transfer.response.body.end(), data, data + length);
+  return length;
+}
+
+void CurlClient::Engine::deliver(std::vector<TransferPtr>& finished) {
+  for (auto& transfer : finished) {
+    if (transfer->easy && !transfer->response.error) {
+      long status = 0;
+      if (curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK) {
+        transfer->response.status = status;
+      }
+    }
+    release(*transfer);
+    try {
+      transfer->done(transfer->request, transfer->response);
+    } catch (const std::exception& e) {
+      log(std::string("telvo: a transport completion threw: ") + e.what());
+    } catch (...) {
+      log("telvo: a transport completion threw an unknown exception");
+    }
+    // What the completion holds (the delegate) goes with the transfer, before
+    // the request counts as done.
+    transfer.reset();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      --inFlight_;
+    }
+    idle_.notify_all();
+  }
+  finished.clear();
+}
+
+void CurlClient::Engine::release(Transfer& transfer) {
+  if (transfer.easy) {
+    if (idleHandles_.size() < kIdleHandlePoolSize) {
+      curl_easy_reset(transfer.easy);
+      idleHandles_.push_back(transfer.easy);
+    } else {
+      curl_easy_cleanup(transfer.easy);
+    }
+    transfer.easy = nullptr;
+  }
+  curl_slist_free_all(transfer.headers);
+  transfer.headers = nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// CurlClient
+
+namespace {
+
+void stopAllAtExit() {
+  std::vector<std::shared_ptr<CurlClient::Engine>> live;
+  {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    for (auto& weak : registry().engines) {
+      if (auto engine = weak.lock()) live.push_back(std::move(engine));
+    }
+  }
+  // All stop together, so the exit waits for one grace time at most.
+  for (auto& engine : live) engine->requestStop(CurlClient::kShutdownGrace);
+  for (auto& engine : live) engine->join();
+}
+
+void initialiseLibcurlOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+      throw std::runtime_error("libcurl could not be initialised");
+    }
+    // Registered after libcurl (and OpenSSL) set up their own exit handlers,
+    // so it runs before them.
+    std::atexit(stopAllAtExit);
+  });
+}
+
+}  // namespace
+
+std::shared_ptr<CurlClient> CurlClient::create(Options options) {
+  initialiseLibcurlOnce();
+  auto engine = std::make_shared<Engine>(std::move(options));
+  engine->start();
+  {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    auto& engines = registry().engines;
+    engines.erase(std::remove_if(engines.begin(), engines.end(),
+                                 [](const auto& weak) { return weak.expired(); }),
+                  engines.end());
+    engines.push_back(engine);
+  }
+  return std::shared_ptr<CurlClient>(new CurlClient(std::move(engine)));
+}
+
+CurlClient::CurlClient(std::shared_ptr<Engine> engine) : engine_(std::move(engine)) {}
+
+CurlClient::~CurlClient() { engine_->shutdown(kShutdownGrace); }
+
+void CurlClient::send(URLRequest request, HTTPHeaderFields extraFields, Completion done) {
+  engine_->send(std::move(request), std::move(extraFields), std::move(done));
+}
+
+bool CurlClient::waitUntilIdle(double timeout) { return engine_->waitUntilIdle(timeout); }
+
+void CurlClient::shutdown(double graceSeconds) { engine_->shutdown(graceSeconds); }
+
+std::int64_t CurlClient::connectionsOpened() const { return engine_->connectionsOpened(); }
+
+}  // namespace delivery
+}  // namespace telvo

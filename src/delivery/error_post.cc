@@ -1,0 +1,33 @@
+#include "delivery/error_post.h"
+
+#include "encoding/envelope_request.h"
+#include "encoding/json_text.h"
+
+namespace telvo {
+namespace delivery {
+
+std::string ErrorPost::write(const Json& sessionId, const std::string& applicationName,
+                             std::int64_t timestamp, const Json& code,
+                             const std::optional<Json>& details) {
+  Json data = Json::object();
+  data["applicationName"] = applicationName;
+  data["timestamp"] = timestamp;
+  data["errorCode"] = code;
+  if (details && details->is_object()) {
+    for (const auto& [key, value] : details->items()) data[key] = value;  // details win
+  }
+  Json payload = Json::object();
+  payload["sessionId"] = sessionId;
+  payload["data"] = std::move(data);
+  return encoding::dumpJson(payload);
+}
+
+URLRequest ErrorPost::request(const TelvoMasterConfig* master, std::string_view payload) {
+  std::optional<std::string> servicesUrl;
+  if (master) servicesUrl = master->servicesUrl();
+  return encoding::envelopeRequest(encoding::textOrNull(servicesUrl) + "/api/postEvent/error",
+                                   payload);
+}
+
+}  // namespace delivery
+}  // namespace telvo

@@ -1,0 +1,31 @@
+// The error post: its JSON text and its request. Pure functions of their
+// arguments; any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "telvo/telvo_master_config.h"
+#include "telvo/types.h"
+#include "telvo/url_request.h"
+
+namespace telvo {
+namespace delivery {
+
+struct ErrorPost {
+  // {"sessionId": sessionId, "data": {"applicationName", "timestamp",
+  // "errorCode": code} plus every member of `details`, which win}. Invalid
+  // UTF-8 becomes U+FFFD and non-finite numbers null.
+  static std::string write(const Json& sessionId, const std::string& applicationName,
+                           std::int64_t timestamp, const Json& code,
+                           const std::optional<Json>& details);
+
+  // The POST of `payload` to servicesUrl + "/api/postEvent/error" (an absent
+  // servicesUrl, or master configuration, reads "(null)").
+  static URLRequest request(const TelvoMasterConfig* master, std::string_view payload);
+};
+
+}  // namespace delivery
+}  // namespace telvo

@@ -1,0 +1,46 @@
+// QueuedEvent: one captured event as the queue keeps it until the flush, kept
+// compact: a queued event costs its text, one allocation and a 64-byte record.
+// A plain value; not synchronised.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "telvo/event.h"
+#include "telvo/types.h"
+
+namespace telvo {
+namespace delivery {
+
+class QueuedEvent {
+ public:
+  // `dataIsCompactJson`: the client wrote `data` itself as one compact JSON
+  // object, fit to splice into the batch as it stands. Nothing when the name
+  // is too long to record (4 GiB or more).
+  static std::optional<QueuedEvent> make(std::string_view name, std::string_view data,
+                                         bool dataIsCompactJson, double timestamp,
+                                         std::shared_ptr<const Json> session);
+  // A host's event (Telvo::setBatch): its data is parsed at the flush.
+  static std::optional<QueuedEvent> fromEvent(const Event& event);
+
+  std::string_view name() const { return std::string_view(_text).substr(0, _nameLength); }
+  std::string_view data() const { return std::string_view(_text).substr(_nameLength); }
+  bool dataIsCompactJson() const { return _dataIsCompactJson; }
+  // Service-clock milliseconds; the flush orders events by it.
+  double timestamp() const { return _timestamp; }
+
+  Event toEvent() const;
+
+ private:
+  std::string _text;  // the name, then the data, in one allocation
+  std::uint32_t _nameLength = 0;
+  bool _dataIsCompactJson = false;
+  double _timestamp = 0;
+  std::shared_ptr<const Json> _session;
+};
+
+}  // namespace delivery
+}  // namespace telvo
