@@ -27,7 +27,7 @@ void Telvo::Impl::startTimer() {
   // The executor is called without the lock; a start racing with this one is
   // settled below, keeping the timer that was stored first.
   std::weak_ptr<Telvo> weak = self();
-  auto timer = platform.mainQueue->scheduleRepeating(BatchTimerRules::interval(*master), [weak] {
+  auto timer = platform.mainQueue->scheduleRepeating(BatchTimerRules::interval(master->batchAmount()), [weak] {
     if (auto client = weak.lock()) client->timedPost();
   });
   bool raced = false;
@@ -91,7 +91,12 @@ void Telvo::Impl::flushNow() {
   // The events themselves are freed once the post is on its way.
   const std::string payload = delivery::BatchPayload::write(*current.session, events);
   if (debugging()) log("Sending events string: " + payload);
-  platform.transport->sendRequest(delivery::BatchPayload::request(current.master.get(), payload),
+  std::optional<std::string> servicesUrl, batchApi;
+  if (current.master) {
+    servicesUrl = current.master->servicesUrl();
+    batchApi = current.master->batchApi();
+  }
+  platform.transport->sendRequest(delivery::BatchPayload::request(servicesUrl, batchApi, payload),
                                   kPostContext, self());
 }
 

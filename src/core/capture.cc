@@ -86,9 +86,11 @@ void Telvo::Impl::captureEvent(PendingEvent& event, const Snapshot& current) {
   queue.push(std::move(*record));
 
   static const std::optional<std::vector<std::string>> kNoPriorities;
+  const TelvoMasterConfig* master = current.master.get();
   const auto decision = delivery::CaptureFlush::decide(
       event.name, current.config ? current.config->highPriorityEvents() : kNoPriorities,
-      current.master.get(), postCount.load(std::memory_order_relaxed));
+      master && master->batchMode() == 1, master ? master->batchAmount() : 0,
+      postCount.load(std::memory_order_relaxed));
   if (decision.counted) postCount.store(decision.postCount, std::memory_order_relaxed);
   if (decision.onCount && debugging) log("Dumping events on count");
   for (int i = 0; i < decision.flushes; ++i) dumpEvents();

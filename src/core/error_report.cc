@@ -37,8 +37,10 @@ void Telvo::Impl::postErrorReport(const Json& code, const std::optional<Json>& d
       delivery::ErrorPost::write(*current.session, *current.config->appName(),
                                  static_cast<std::int64_t>(serviceMilliseconds()), code, details);
   if (debugging()) log("Payload: " + json);
-  platform.transport->sendRequest(delivery::ErrorPost::request(current.master.get(), json),
-                                  kPostContext, self());
+  std::optional<std::string> servicesUrl;
+  if (current.master) servicesUrl = current.master->servicesUrl();
+  platform.transport->sendRequest(delivery::ErrorPost::request(servicesUrl, json), kPostContext,
+                                  self());
 }
 
 }  // namespace telvo

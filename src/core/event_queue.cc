@@ -7,6 +7,25 @@ namespace core {
 
 using delivery::QueuedEvent;
 
+namespace {
+
+Event toEvent(const QueuedEvent& queued) {
+  Event event;
+  event.setName(std::string(queued.name()));
+  event.setData(std::string(queued.data()));
+  event.setTimestamp(queued.timestamp());
+  event.setSharedSession(queued.session());
+  return event;
+}
+
+// A host's event (Telvo::setBatch): its data is parsed at the flush.
+std::optional<QueuedEvent> fromEvent(const Event& event) {
+  return QueuedEvent::make(event.name(), event.data(), /*dataIsCompactJson=*/false,
+                           event.timestamp(), event.sharedSession());
+}
+
+}  // namespace
+
 void EventQueue::push(QueuedEvent event) {
   std::lock_guard<std::mutex> lock(_mutex);
   _events.push_back(std::move(event));
@@ -23,14 +42,14 @@ std::vector<Event> EventQueue::copy() const {
   std::lock_guard<std::mutex> lock(_mutex);
   std::vector<Event> events;
   events.reserve(_events.size());
-  for (const QueuedEvent& event : _events) events.push_back(event.toEvent());
+  for (const QueuedEvent& event : _events) events.push_back(toEvent(event));
   return events;
 }
 
 void EventQueue::replace(const std::vector<Event>& events) {
   std::deque<QueuedEvent> records;
   for (const Event& event : events) {
-    if (auto record = QueuedEvent::fromEvent(event)) {
+    if (auto record = fromEvent(event)) {
       records.push_back(std::move(*record));
     } else {
       log("Telvo: dropped a queued event whose name is 4 GiB or longer");

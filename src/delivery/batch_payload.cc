@@ -42,12 +42,9 @@ std::string BatchPayload::write(const Json& sessionId, const std::deque<QueuedEv
   return out;
 }
 
-URLRequest BatchPayload::request(const TelvoMasterConfig* master, std::string_view payload) {
-  std::optional<std::string> servicesUrl, batchApi;
-  if (master) {
-    servicesUrl = master->servicesUrl();
-    batchApi = master->batchApi();
-  }
+URLRequest BatchPayload::request(const std::optional<std::string>& servicesUrl,
+                                 const std::optional<std::string>& batchApi,
+                                 std::string_view payload) {
   return encoding::envelopeRequest(
       encoding::textOrNull(servicesUrl) + encoding::textOrNull(batchApi) + ".json", payload);
 }

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "delivery/queued_event.h"
-#include "telvo/telvo_master_config.h"
+#include <optional>
 #include "telvo/types.h"
 #include "telvo/url_request.h"
 
@@ -22,8 +22,9 @@ struct BatchPayload {
   static std::string write(const Json& sessionId, const std::deque<QueuedEvent>& events);
 
   // The POST of `payload` to servicesUrl + batchApi + ".json" (an absent
-  // part, or an absent master configuration, reads "(null)").
-  static URLRequest request(const TelvoMasterConfig* master, std::string_view payload);
+  // part reads "(null)").
+  static URLRequest request(const std::optional<std::string>& servicesUrl,
+                            const std::optional<std::string>& batchApi, std::string_view payload);
 };
 
 }  // namespace delivery

@@ -22,9 +22,8 @@ std::string ErrorPost::write(const Json& sessionId, const std::string& applicati
   return encoding::dumpJson(payload);
 }
 
-URLRequest ErrorPost::request(const TelvoMasterConfig* master, std::string_view payload) {
-  std::optional<std::string> servicesUrl;
-  if (master) servicesUrl = master->servicesUrl();
+URLRequest ErrorPost::request(const std::optional<std::string>& servicesUrl,
+                              std::string_view payload) {
   return encoding::envelopeRequest(encoding::textOrNull(servicesUrl) + "/api/postEvent/error",
                                    payload);
 }

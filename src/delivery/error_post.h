@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "telvo/telvo_master_config.h"
 #include "telvo/types.h"
 #include "telvo/url_request.h"
 
@@ -23,8 +22,9 @@ struct ErrorPost {
                            const std::optional<Json>& details);
 
   // The POST of `payload` to servicesUrl + "/api/postEvent/error" (an absent
-  // servicesUrl, or master configuration, reads "(null)").
-  static URLRequest request(const TelvoMasterConfig* master, std::string_view payload);
+  // servicesUrl reads "(null)").
+  static URLRequest request(const std::optional<std::string>& servicesUrl,
+                            std::string_view payload);
 };
 
 }  // namespace delivery

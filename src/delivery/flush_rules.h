@@ -8,7 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "telvo/telvo_master_config.h"
 
 namespace telvo {
 namespace delivery {
@@ -23,11 +22,9 @@ struct BatchTimerRules {
   static bool mayStart(bool timerExists, bool initialized, bool haveMasterConfig) {
     return !timerExists && initialized && haveMasterConfig;
   }
-  // Seconds between timed flushes: batchAmount, whatever the batch mode (the
-  // executor raises it to kMinimumTimerInterval).
-  static double interval(const TelvoMasterConfig& master) {
-    return static_cast<double>(master.batchAmount());
-  }
+  // Seconds between timed flushes: the master configuration's batchAmount,
+  // whatever the batch mode (the executor raises it to kMinimumTimerInterval).
+  static double interval(std::int64_t batchAmount) { return static_cast<double>(batchAmount); }
 };
 
 // What capturing one event asks for.
@@ -39,11 +36,12 @@ struct CaptureFlush {
 
   // A non-empty high-priority list switches the "error" and count rules off:
   // the event flushes once for each time the list names it. Otherwise an
-  // event named "error" flushes, and in count batching (mode 1) every event
-  // counts, flushing when the count reaches batchAmount.
+  // event named "error" flushes, and in count batching every event counts,
+  // flushing when the count reaches `batchAmount`.
   static CaptureFlush decide(std::string_view name,
                              const std::optional<std::vector<std::string>>& highPriorityEvents,
-                             const TelvoMasterConfig* master, std::int64_t postCount) {
+                             bool countBatching, std::int64_t batchAmount,
+                             std::int64_t postCount) {
     CaptureFlush decision;
     if (highPriorityEvents && !highPriorityEvents->empty()) {
       for (const auto& entry : *highPriorityEvents) {
@@ -55,10 +53,10 @@ struct CaptureFlush {
       decision.flushes = 1;
       return decision;
     }
-    if (master && master->batchMode() == 1) {
+    if (countBatching) {
       decision.counted = true;
       decision.postCount = postCount + 1;
-      if (decision.postCount == master->batchAmount()) {
+      if (decision.postCount == batchAmount) {
         decision.postCount = 0;
         decision.onCount = true;
         decision.flushes = 1;

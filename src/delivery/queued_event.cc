@@ -21,19 +21,5 @@ std::optional<QueuedEvent> QueuedEvent::make(std::string_view name, std::string_
   return event;
 }
 
-std::optional<QueuedEvent> QueuedEvent::fromEvent(const Event& event) {
-  return make(event.name(), event.data(), /*dataIsCompactJson=*/false, event.timestamp(),
-              event.sharedSession());
-}
-
-Event QueuedEvent::toEvent() const {
-  Event event;
-  event.setName(std::string(name()));
-  event.setData(std::string(data()));
-  event.setTimestamp(_timestamp);
-  event.setSharedSession(_session);
-  return event;
-}
-
 }  // namespace delivery
 }  // namespace telvo

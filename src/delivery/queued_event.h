@@ -9,7 +9,6 @@
 #include <string>
 #include <string_view>
 
-#include "telvo/event.h"
 #include "telvo/types.h"
 
 namespace telvo {
@@ -23,16 +22,14 @@ class QueuedEvent {
   static std::optional<QueuedEvent> make(std::string_view name, std::string_view data,
                                          bool dataIsCompactJson, double timestamp,
                                          std::shared_ptr<const Json> session);
-  // A host's event (Telvo::setBatch): its data is parsed at the flush.
-  static std::optional<QueuedEvent> fromEvent(const Event& event);
 
   std::string_view name() const { return std::string_view(_text).substr(0, _nameLength); }
   std::string_view data() const { return std::string_view(_text).substr(_nameLength); }
   bool dataIsCompactJson() const { return _dataIsCompactJson; }
   // Service-clock milliseconds; the flush orders events by it.
   double timestamp() const { return _timestamp; }
-
-  Event toEvent() const;
+  // The session id at capture, shared by the events of one session.
+  const std::shared_ptr<const Json>& session() const { return _session; }
 
  private:
   std::string _text;  // the name, then the data, in one allocation
