@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/log_capture.h"
+#include "support/captured_log.h"
 
 namespace telvo {
 namespace {
@@ -78,7 +78,7 @@ TEST(ManualExecutor, TimerInvalidatedInsideItsOwnFiring) {
 }
 
 TEST(ManualExecutor, ThrowingWorkIsLoggedAndDropped) {
-  LogCapture logs;
+  CapturedLog logs;
   ManualExecutor executor;
   bool after = false;
   executor.post([] { throw std::runtime_error("boom"); });

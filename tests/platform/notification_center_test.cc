@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/log_capture.h"
+#include "support/captured_log.h"
 
 namespace telvo {
 namespace {
@@ -60,7 +60,7 @@ TEST(NotificationCenter, NamesObjectsAndRemovalOfAllRegistrations) {
 }
 
 TEST(NotificationCenter, ThrowingHandlerDoesNotStopTheOthers) {
-  LogCapture logs;
+  CapturedLog logs;
   NotificationCenter center;
   int first = 0, second = 0;
   bool secondCalled = false;

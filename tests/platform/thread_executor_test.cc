@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/log_capture.h"
+#include "support/captured_log.h"
 
 namespace telvo {
 namespace {
@@ -75,7 +75,7 @@ TEST(ThreadExecutor, ZeroIntervalTimerInvalidatedInsideItsOwnFiring) {
 }
 
 TEST(ThreadExecutor, ThrowingWorkIsLoggedAndTheWorkerCarriesOn) {
-  LogCapture logs;
+  CapturedLog logs;
   ThreadExecutor executor;
   executor.post([] { throw std::runtime_error("bad item"); });
   executor.post([] { throw 42; });
@@ -86,7 +86,7 @@ TEST(ThreadExecutor, ThrowingWorkIsLoggedAndTheWorkerCarriesOn) {
 }
 
 TEST(ThreadExecutor, ShutdownRunsEarlierWorkAndDropsLaterWork) {
-  LogCapture logs;
+  CapturedLog logs;
   ThreadExecutor executor;
   std::atomic<int> ran{0};
   for (int i = 0; i < 100; ++i) executor.post([&] { ++ran; });
@@ -101,7 +101,7 @@ TEST(ThreadExecutor, ShutdownRunsEarlierWorkAndDropsLaterWork) {
 }
 
 TEST(ThreadExecutor, ShutdownGivesUpAtItsDeadline) {
-  LogCapture logs;
+  CapturedLog logs;
   auto release = std::make_shared<std::promise<void>>();
   auto released = release->get_future().share();
   auto executor = std::make_unique<ThreadExecutor>();

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/log_capture.h"
+#include "support/captured_log.h"
 #include "platform/temp_folder.h"
 
 namespace telvo {
@@ -52,7 +52,7 @@ TEST(FileUserDefaults, ValuesSurviveAReopen) {
 TEST(FileUserDefaults, CorruptOrUnreadableFileStartsEmptyWithOneLogLine) {
   TempFolder folder;
   for (std::string content : {"{\"telvoUUIDCookie\": \"tr", "[1,2]", "\xff\xfe garbage"}) {
-    LogCapture logs;
+    CapturedLog logs;
     std::string path = folder.file("defaults.json");
     writeFile(path, content);
     FileUserDefaults defaults(path);
@@ -62,7 +62,7 @@ TEST(FileUserDefaults, CorruptOrUnreadableFileStartsEmptyWithOneLogLine) {
     EXPECT_TRUE(defaults.synchronize());
     EXPECT_EQ(Json::parse(readFile(path)), (Json{{"k", "fresh"}}));
   }
-  LogCapture logs;
+  CapturedLog logs;
   FileUserDefaults folderInsteadOfFile(folder.path());  // read fails with EISDIR
   EXPECT_EQ(logs.lines().size(), 1u);
 }
@@ -72,7 +72,7 @@ TEST(FileUserDefaults, UnwritableFolderKeepsValuesInMemoryAndLogsOnce) {
   // when running as root, where permission bits are not enforced.
   TempFolder folder;
   writeFile(folder.file("blocker"), "");
-  LogCapture logs;
+  CapturedLog logs;
   FileUserDefaults defaults(folder.file("blocker/telvo/defaults.json"));
   for (int i = 0; i < 3; ++i) {
     defaults.setObject(i, "k");

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/captured_log.h"
 #include "support/manual_executor.h"
 #include "support/recording_transport.h"
 #include "support/test_platform.h"
@@ -19,36 +20,6 @@
 #include "telvo/user_defaults.h"
 
 namespace telvo {
-
-// Collects log lines while it lives.
-class CapturedLog {
- public:
-  CapturedLog() {
-    setLogSink([this](const std::string& line) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back(line);
-    });
-  }
-  ~CapturedLog() { setLogSink(nullptr); }
-  std::vector<std::string> lines() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
-  }
-  bool contains(const std::string& line) const {
-    for (const auto& l : lines()) {
-      if (l == line) return true;
-    }
-    return false;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
 
 struct VirtualPlatform {
   std::shared_ptr<ManualExecutor> main = std::make_shared<ManualExecutor>();

@@ -1,4 +1,4 @@
-// Collects log lines for the duration of a test, then restores standard error.
+// Collects log lines while it lives, then restores standard error.
 #pragma once
 
 #include <mutex>
@@ -9,19 +9,28 @@
 
 namespace telvo {
 
-class LogCapture {
+class CapturedLog {
  public:
-  LogCapture() {
+  CapturedLog() {
     setLogSink([this](const std::string& line) {
       std::lock_guard<std::mutex> lock(mutex_);
       lines_.push_back(line);
     });
   }
-  ~LogCapture() { setLogSink(nullptr); }
-
+  ~CapturedLog() { setLogSink(nullptr); }
   std::vector<std::string> lines() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
+  }
+  bool contains(const std::string& line) const {
+    for (const auto& l : lines()) {
+      if (l == line) return true;
+    }
+    return false;
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
   }
 
  private:
