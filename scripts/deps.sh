@@ -8,6 +8,7 @@ packages=(
   zlib1g-dev libcurl4-openssl-dev libssl-dev openssl
   nlohmann-json3-dev libcli11-dev libcpp-httplib-dev libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  clang libclang-rt-14-dev
 )
 
 missing=()

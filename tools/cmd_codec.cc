@@ -11,6 +11,8 @@
 #include <string>
 
 #include "command.h"
+#include "common/input.h"
+#include "encoding/json_text.h"
 #include "telvo/envelope.h"
 #include "telvo/types.h"
 
@@ -21,33 +23,19 @@ struct CodecOptions {
   std::string file = "-";
   bool compact = false;  // encode: rewrite the document compactly first
   bool raw = false;      // decode: print the JSON text as carried, not re-indented
+  std::size_t maxInflated = kDefaultMaxInflatedBytes;  // decode: refuse beyond this
 };
 
 std::string sourceName(const std::string& file) { return file == "-" ? "standard input" : file; }
 
-// The whole of `file` ("-" is standard input); on failure `error` says why.
-std::optional<std::string> readAll(const std::string& file, std::string& error) {
-  std::FILE* in = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
-  if (in == nullptr) {
-    error = std::strerror(errno);
-    return std::nullopt;
-  }
-  std::string text;
-  char buffer[64 * 1024];
-  std::size_t got;
-  while ((got = std::fread(buffer, 1, sizeof buffer, in)) > 0) text.append(buffer, got);
-  const bool failed = std::ferror(in) != 0;
-  const int readErrno = errno;
-  if (in != stdin) std::fclose(in);
-  if (failed) {
-    error = std::strerror(readErrno);
-    return std::nullopt;
-  }
-  return text;
-}
-
-// Parses keeping the members in the order they were written.
+// Parses keeping the members in the order they were written. Nesting beyond
+// the library's depth limit counts as text that does not parse.
 std::optional<nlohmann::ordered_json> parseOrdered(const std::string& text, std::string& error) {
+  if (!encoding::withinJsonDepth(text)) {
+    error = "it nests arrays and objects more than " + std::to_string(encoding::kMaxJsonDepth) +
+            " deep";
+    return std::nullopt;
+  }
   try {
     return nlohmann::ordered_json::parse(text);
   } catch (const nlohmann::ordered_json::exception& e) {
@@ -65,7 +53,7 @@ std::string trimmed(const std::string& text) {
 
 int runEncode(const CodecOptions& options) {
   std::string error;
-  const auto text = readAll(options.file, error);
+  const auto text = readInput(options.file, error);
   if (!text) {
     std::cerr << "telvo encode: cannot read " << sourceName(options.file) << ": " << error << "\n";
     return kExitUsage;
@@ -91,12 +79,12 @@ int runEncode(const CodecOptions& options) {
 
 int runDecode(const CodecOptions& options) {
   std::string error;
-  const auto body = readAll(options.file, error);
+  const auto body = readInput(options.file, error);
   if (!body) {
     std::cerr << "telvo decode: cannot read " << sourceName(options.file) << ": " << error << "\n";
     return kExitUsage;
   }
-  const DecodedEnvelope decoded = decodeTelvoJsonParameter(*body);
+  const DecodedEnvelope decoded = decodeTelvoJsonParameter(*body, options.maxInflated);
   if (!decoded.ok()) {
     std::cerr << "telvo decode: " << decoded.message << "\n";
     return kExitUsage;
@@ -135,6 +123,10 @@ const bool decodeRegistered = registerCommand(11, [](CLI::App& app) {
   cmd->add_option("file", options->file, "Request body to unwrap, or - for standard input")
       ->capture_default_str();
   cmd->add_flag("--raw", options->raw, "Print the JSON text exactly as carried in the body");
+  cmd->add_option("--max-inflated", options->maxInflated,
+                  "Refuse a body whose text inflates to more than this many bytes")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
   return Command{cmd, [options] { return runDecode(*options); }};
 });
 

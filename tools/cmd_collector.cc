@@ -25,6 +25,7 @@
 #include "collector/collector_store.h"
 #include "command.h"
 #include "common/certificate.h"
+#include "telvo/envelope.h"
 
 namespace telvo::tool {
 namespace {
@@ -40,6 +41,7 @@ struct CollectorCommandOptions {
   std::string callback;
   std::string setCookie;
   std::size_t maxBody = 8 * 1024 * 1024;
+  std::size_t maxInflated = kDefaultMaxInflatedBytes;
   bool quiet = false;
 };
 
@@ -116,6 +118,7 @@ int runCollector(const CollectorCommandOptions& options) {
   server.throttle = options.throttle;
   server.clockSkewMs = options.clockSkewMs;
   server.maxBodyBytes = options.maxBody;
+  server.maxInflatedBytes = options.maxInflated;
   server.logRequests = !options.quiet;
   if (!options.callback.empty()) server.callback = options.callback;
   if (!options.setCookie.empty()) server.setCookie = options.setCookie;
@@ -203,6 +206,11 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
   cmd->add_option("--max-body", o->maxBody, "Largest request body accepted, in bytes")
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
+  cmd->add_option("--max-inflated", o->maxInflated,
+                  "Largest text a request body may inflate to, in bytes (beyond it the post "
+                  "is refused as a problem)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
   cmd->add_flag("--quiet", o->quiet, "No line per request on standard error");
   return Command{cmd, [o] { return runCollector(*o); }};
 });

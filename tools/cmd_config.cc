@@ -1,16 +1,13 @@
 // `telvo config [--env NAME] FILE|-`: shows the master configuration that a
 // configuration document yields for an environment, as a client would see it.
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "command.h"
+#include "common/input.h"
+#include "encoding/json_text.h"
 #include "telvo/telvo_master_config.h"
 #include "telvo/types.h"
 
@@ -23,25 +20,17 @@ struct ConfigOptions {
   CLI::Option* environmentOption = nullptr;
 };
 
-std::optional<std::string> readAll(const std::string& file) {
-  if (file == "-") {
-    return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-  }
-  std::ifstream in(file, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) return std::nullopt;
-  return text.str();
-}
-
 int runConfig(const ConfigOptions& options) {
   const std::string source = options.file == "-" ? "standard input" : options.file;
-  errno = 0;
-  auto text = readAll(options.file);
+  std::string error;
+  auto text = readInput(options.file, error);
   if (!text) {
-    std::cerr << "telvo config: cannot read " << source << ": "
-              << (errno ? std::strerror(errno) : "read error") << "\n";
+    std::cerr << "telvo config: cannot read " << source << ": " << error << "\n";
+    return kExitUsage;
+  }
+  if (!encoding::withinJsonDepth(*text)) {
+    std::cerr << "telvo config: invalid JSON in " << source << ": it nests arrays and objects "
+              << "more than " << encoding::kMaxJsonDepth << " deep\n";
     return kExitUsage;
   }
   Json document;

@@ -12,6 +12,7 @@
 #include "collector/collector_paths.h"
 #include "collector/collector_store.h"
 #include "command.h"
+#include "encoding/json_text.h"
 #include "telvo/types.h"
 
 namespace telvo::tool {
@@ -26,7 +27,7 @@ struct EventsOptions {
 };
 
 Json parsedOrText(const std::string& text) {
-  Json value = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+  Json value = encoding::parseJson(text);
   return value.is_discarded() ? Json(text) : value;
 }
 

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "command.h"
+#include "encoding/json_text.h"
 #include "telvo/executor.h"
 #include "telvo/telvo.h"
 #include "telvo/telvo_config.h"
@@ -57,7 +58,7 @@ bool splitArgument(const std::string& text, const char* what, std::string* head,
     return false;
   }
   if (equals == std::string::npos) return true;
-  Json value = Json::parse(text.substr(equals + 1), nullptr, /*allow_exceptions=*/false);
+  Json value = encoding::parseJson(text.substr(equals + 1));
   if (value.is_discarded() || !value.is_object()) {
     std::cerr << "telvo send: " << what << " \"" << *head
               << "\": the text after \"=\" must be a JSON object\n";
@@ -104,7 +105,7 @@ int runSend(const SendOptions& options) {
     if (!splitArgument(text, "--error", &code, &error.details)) return kExitUsage;
     // A code that reads as a JSON number or literal is sent as one ("42"),
     // anything else as text ("E42").
-    Json parsed = Json::parse(code, nullptr, /*allow_exceptions=*/false);
+    Json parsed = encoding::parseJson(code);
     error.code = parsed.is_discarded() || parsed.is_structured() ? Json(code) : parsed;
     if (error.code.is_null()) {
       std::cerr << "telvo send: --error needs a code other than null\n";

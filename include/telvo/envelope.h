@@ -3,6 +3,7 @@
 // error post carries it.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,12 +26,18 @@ inline constexpr double kRequestTimeout = 30.0;  // seconds
 
 namespace telvo {
 
+// What decodeTelvoJsonParameter inflates at most, by default: far above any
+// batch the library sends, far below what a decompression bomb asks for.
+inline constexpr std::size_t kDefaultMaxInflatedBytes = std::size_t{64} << 20;  // 64 MiB
+
 // The reverse, for receivers and tools: Base64-decode (tolerantly), inflate,
 // check UTF-8, strip the "telvoJson=" prefix, parse. `failure` names the first
 // layer that failed and `message` says why in one line starting with the
 // layer's name ("base64:", "zlib:", "utf-8:", "prefix:", "json:"). Unlike
-// dataWithCompressedData, a zlib stream cut short is a kZlib failure. Never
-// throws; any thread.
+// dataWithCompressedData, a zlib stream cut short is a kZlib failure, and so
+// is one that inflates to more than `maxInflatedBytes` (inflating stops
+// there). A document nested deeper than 128 arrays and objects is a kJson
+// failure. Never throws; any thread.
 struct DecodedEnvelope {
   enum class Failure { kNone, kBase64, kZlib, kUtf8, kPrefix, kJson };
   Failure failure = Failure::kNone;
@@ -39,6 +46,7 @@ struct DecodedEnvelope {
   Json document;        // the parsed document (when failure is kNone)
   bool ok() const { return failure == Failure::kNone; }
 };
-DecodedEnvelope decodeTelvoJsonParameter(std::string_view body);
+DecodedEnvelope decodeTelvoJsonParameter(std::string_view body,
+                                         std::size_t maxInflatedBytes = kDefaultMaxInflatedBytes);
 
 }  // namespace telvo

@@ -5,6 +5,7 @@
 // accepts only that form. Failures give nothing. Pure functions; any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
@@ -19,7 +20,11 @@ std::optional<Bytes> compressedDataWithData(const Bytes& data);
 // fill it: a truncated stream gives the prefix decoded so far (nothing if that
 // prefix is an exact multiple of 128 KiB); bytes after the end of the stream
 // are ignored; empty input, gzip files and raw deflate data give nothing.
-std::optional<Bytes> dataWithCompressedBytes(const void* bytes, std::uint32_t length);
-std::optional<Bytes> dataWithCompressedData(const Bytes& data);
+// With `maxLength`, output that would grow beyond it gives nothing as soon as
+// it does (a small stream that inflates to gigabytes costs nothing more).
+std::optional<Bytes> dataWithCompressedBytes(const void* bytes, std::uint32_t length,
+                                             std::optional<std::size_t> maxLength = std::nullopt);
+std::optional<Bytes> dataWithCompressedData(const Bytes& data,
+                                            std::optional<std::size_t> maxLength = std::nullopt);
 
 }  // namespace telvo

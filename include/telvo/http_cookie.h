@@ -40,7 +40,8 @@ class HTTPCookie {
   static std::vector<HTTPCookie> cookiesWithResponseHeaderFields(const HTTPHeaderFields& headers,
                                                                  const URL& url, double now);
   // A cookie from stored properties; nothing where Name, Value, Domain or
-  // Path is missing or not text.
+  // Path is missing or not text, where the name is empty or holds "=", where
+  // a value could break a header line, or where Path does not begin with "/".
   static std::optional<HTTPCookie> cookieWithProperties(const Json& properties);
   // One "Cookie" field holding "name=value" pairs joined by "; " (no field
   // for an empty list).

@@ -80,12 +80,18 @@ std::optional<HelloAnswer> readHelloAnswer(const std::optional<Json>& result) {
   auto throttled = result->find("throttled");
   answer.throttled = throttled != result->end() && encoding::truthValue(*throttled);
   auto timestamp = result->find("timestamp");
-  answer.serviceMilliseconds = timestamp == result->end() ? 0.0 : encoding::numberValue(*timestamp);
+  const double service = timestamp == result->end() ? 0.0 : encoding::numberValue(*timestamp);
+  if (!std::isfinite(service) || std::fabs(service) > kMaxServiceMilliseconds) {
+    answer.serviceMilliseconds = std::nullopt;
+  } else {
+    answer.serviceMilliseconds = service;
+  }
   return answer;
 }
 
 double timeStampDelta(double nowSeconds, double serviceMilliseconds) {
-  return std::round(nowSeconds * 1000.0 - serviceMilliseconds);
+  const double delta = std::round(nowSeconds * 1000.0 - serviceMilliseconds);
+  return std::isfinite(delta) ? delta : 0.0;
 }
 
 }  // namespace configuration

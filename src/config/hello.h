@@ -55,20 +55,28 @@ HelloRequest makeHelloRequest(const std::string& property, const TelvoConfig& co
                               const TelvoMasterConfig& master, const DeviceDescription& device,
                               const std::optional<Json>& storedCookie);
 
+// Service times beyond this many milliseconds from 1970 (about 285,000
+// years; the largest range in which every whole millisecond is exact) are
+// not times.
+inline constexpr double kMaxServiceMilliseconds = 9007199254740992.0;  // 2^53
+
 // A hello answer the client takes: an object with a "sessionId".
 struct HelloAnswer {
   std::shared_ptr<const Json> sessionId;
   // "throttled" read as a truth value; false when absent.
   bool throttled = false;
   // "timestamp": the service's clock in milliseconds (a number, or text
-  // holding one); 0 when absent.
-  double serviceMilliseconds = 0;
+  // holding one); 0 when absent. Nothing where it is not a finite number
+  // within kMaxServiceMilliseconds of 1970 (NaN, 1e300, "1e400"): the
+  // client then keeps its own clock.
+  std::optional<double> serviceMilliseconds = 0.0;
 };
 
 // Nothing where the result is not an object with a "sessionId".
 std::optional<HelloAnswer> readHelloAnswer(const std::optional<Json>& result);
 
-// Device milliseconds minus service milliseconds, rounded half away from 0.
+// Device milliseconds minus service milliseconds, rounded half away from 0;
+// 0 where the result would not be a finite number.
 double timeStampDelta(double nowSeconds, double serviceMilliseconds);
 
 }  // namespace configuration

@@ -64,13 +64,18 @@ void Telvo::Impl::stopTimer() {
 }
 
 void Telvo::Impl::dumpEvents() {
-  platform.mainQueue->post([self = self()] {
-    try {
-      self->_impl->flushNow();
-    } catch (const std::exception& e) {
-      log(std::string("Telvo: batch post dropped: ") + e.what());
-    }
-  });
+  try {
+    platform.mainQueue->post([self = self()] {
+      try {
+        self->_impl->flushNow();
+      } catch (const std::exception& e) {
+        log(std::string("Telvo: batch post dropped: ") + e.what());
+      }
+    });
+  } catch (const std::exception& e) {
+    // The events stay queued for the next flush.
+    log(std::string("Telvo: the main queue refused a flush: ") + e.what());
+  }
 }
 
 void Telvo::Impl::flushNow() {

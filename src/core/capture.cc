@@ -23,8 +23,18 @@ void Telvo::Impl::sendEvent(const std::string& name, std::optional<Json> data) {
     schedule = !drainScheduled;
     drainScheduled = true;
   }
-  if (schedule) {
+  if (!schedule) return;
+  try {
     platform.mainQueue->post([self = self()] { self->_impl->drainPendingEvents(); });
+  } catch (const std::exception& e) {
+    // Nothing is scheduled: the next call tries again, and the events taken
+    // so far wait for it instead of piling up unseen.
+    {
+      std::lock_guard<std::mutex> lock(pendingMutex);
+      drainScheduled = false;
+    }
+    log(std::string("Telvo: the main queue refused the capture of event \"") + name +
+        "\" (it waits for the next event): " + e.what());
   }
 }
 
@@ -60,9 +70,9 @@ void Telvo::Impl::captureEvent(PendingEvent& event, const Snapshot& current) {
   // name and data once, at their exact size, into one allocation.
   thread_local std::string text;
   text.clear();
+  const double stamp = serviceMilliseconds();
   if (event.data) {
-    if (!encoding::appendEventData(text, *event.data,
-                                   static_cast<std::int64_t>(serviceMilliseconds()))) {
+    if (!encoding::appendEventData(text, *event.data, wholeMilliseconds(stamp))) {
       log("Telvo: dropped event \"" + event.name +
           "\": its data holds a number JSON cannot represent (NaN or infinity)");
       return;
@@ -77,8 +87,8 @@ void Telvo::Impl::captureEvent(PendingEvent& event, const Snapshot& current) {
     encoding::appendJsonString(text, *current.config->appName());
     text += '}';
   }
-  auto record = delivery::QueuedEvent::make(event.name, text, /*dataIsCompactJson=*/true,
-                                            serviceMilliseconds(), current.session);
+  auto record = delivery::QueuedEvent::make(event.name, text, /*dataIsCompactJson=*/true, stamp,
+                                            current.session);
   if (!record) {
     log("Telvo: dropped an event whose name is 4 GiB or longer");
     return;

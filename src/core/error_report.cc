@@ -35,7 +35,8 @@ void Telvo::Impl::postErrorReport(const Json& code, const std::optional<Json>& d
   }
   const std::string json =
       delivery::ErrorPost::write(*current.session, *current.config->appName(),
-                                 static_cast<std::int64_t>(serviceMilliseconds()), code, details);
+                                 wholeMilliseconds(serviceMilliseconds()), code,
+                                 details);
   if (debugging()) log("Payload: " + json);
   std::optional<std::string> servicesUrl;
   if (current.master) servicesUrl = current.master->servicesUrl();

@@ -115,9 +115,14 @@ void Telvo::Impl::handleHello(const std::optional<Json>& result) {
                     platform.clock->now() * 1000.0);
       log(text);
     }
-    timeStampDelta.store(
-        configuration::timeStampDelta(platform.clock->now(), answer->serviceMilliseconds),
-        std::memory_order_release);
+    double delta = 0;
+    if (answer->serviceMilliseconds) {
+      delta = configuration::timeStampDelta(platform.clock->now(), *answer->serviceMilliseconds);
+    } else {
+      log("Telvo: the hello answer's \"timestamp\" is not a usable time; events keep the "
+          "device's clock");
+    }
+    timeStampDelta.store(delta, std::memory_order_release);
     initialized.store(true, std::memory_order_release);
 
     if (auto host = owner.delegate()) {

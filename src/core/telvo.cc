@@ -3,7 +3,9 @@
 #include "telvo/telvo.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <utility>
 
 #include "config/hello.h"
@@ -209,6 +211,15 @@ double Telvo::Impl::serviceMilliseconds() const {
   // std::round rounds half-way cases away from zero.
   return std::round(platform.clock->now() * 1000.0) -
          timeStampDelta.load(std::memory_order_relaxed);
+}
+
+std::int64_t Telvo::Impl::wholeMilliseconds(double milliseconds) {
+  // 2^63 is exact as a double; anything at or beyond it does not convert.
+  constexpr double kLimit = 9223372036854775808.0;
+  if (std::isnan(milliseconds)) return 0;
+  if (milliseconds <= -kLimit) return std::numeric_limits<std::int64_t>::min();
+  if (milliseconds >= kLimit) return std::numeric_limits<std::int64_t>::max();
+  return static_cast<std::int64_t>(milliseconds);
 }
 
 void Telvo::Impl::setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master) {

@@ -56,6 +56,9 @@ struct Telvo::Impl {
   Snapshot snapshot() const;
   // round(now * 1000) - timeStampDelta, on the service's clock.
   double serviceMilliseconds() const;
+  // A service time as the whole number events and errors carry, saturated to
+  // the 64-bit range (0 for NaN): never a wrapped or undefined conversion.
+  static std::int64_t wholeMilliseconds(double milliseconds);
   void setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master);
   bool debugging() const { return debug.load(std::memory_order_relaxed); }
   // The client, for work that must keep it alive.

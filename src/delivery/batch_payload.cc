@@ -29,7 +29,7 @@ std::string BatchPayload::write(const Json& sessionId, const std::deque<QueuedEv
     if (event.dataIsCompactJson()) {
       out += event.data();
     } else {
-      Json parsed = Json::parse(event.data(), nullptr, /*allow_exceptions=*/false);
+      Json parsed = encoding::parseJson(event.data());
       if (parsed.is_object() || parsed.is_array()) {
         out += dumpJson(parsed);
       } else {

@@ -52,6 +52,15 @@ bool isFieldValue(const std::string& text) {
 
 std::string trimmed(std::string_view text) { return std::string(encoding::trimmed(text)); }
 
+// How long past the grace time a stop waits for the last completions before
+// it leaves the thread to finish on its own.
+constexpr double kJoinMargin = 0.5;
+
+SteadyClock::duration secondsToDuration(double seconds) {
+  return std::chrono::duration_cast<SteadyClock::duration>(
+      std::chrono::duration<double>(std::clamp(seconds, 0.0, 3600.0)));
+}
+
 Error transferError(std::int64_t code, std::string message) {
   return Error{kTransferErrorDomain, code, std::move(message)};
 }
@@ -68,11 +77,12 @@ class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
   bool waitUntilIdle(double timeout);
   // Starts stopping: transfers in flight get `graceSeconds` from now.
   void requestStop(double graceSeconds);
-  // Waits for the thread to end (not when called from a completion).
-  void join();
+  // Waits for the thread to end, at most until `until` (not at all from a
+  // completion); a thread still running then is detached.
+  void join(SteadyClock::time_point until);
   void shutdown(double graceSeconds) {
     requestStop(graceSeconds);
-    join();
+    join(SteadyClock::now() + secondsToDuration(graceSeconds + kJoinMargin));
   }
   std::int64_t connectionsOpened() const { return connectionsOpened_.load(); }
 
@@ -94,7 +104,12 @@ class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
   static size_t onBody(char* data, size_t size, size_t count, void* user);
 
   void run();
-  void loop();
+  // One pass of the loop: hand-overs, transfers, completions, a wait. False
+  // once stopped with nothing left.
+  bool step();
+  // Prepares `transfer` and adds it to the multi handle; on failure its
+  // response carries the error.
+  void start(Transfer& transfer);
   // Sets the transfer up on an easy handle; false (with the response's error
   // set) where the request cannot be sent.
   bool prepare(Transfer& transfer);
@@ -119,6 +134,8 @@ class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
   size_t inFlight_ = 0;                // guarded by mutex_: handed over, completion not yet run
   bool stopping_ = false;              // guarded by mutex_
   SteadyClock::time_point deadline_;   // guarded by mutex_
+  bool exited_ = false;                // guarded by mutex_
+  std::condition_variable exitedSignal_;
 
   std::mutex joinMutex_;  // serialises joining the thread
 };
@@ -182,23 +199,30 @@ void CurlClient::Engine::send(URLRequest request, HTTPHeaderFields extraFields, 
   if (!transfer->request.url) {
     transfer->response.error = transferError(CURLE_URL_MALFORMAT, "the request has no URL");
   }
-  std::string dropped;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_) {
-      dropped = transfer->request.url ? transfer->request.url->absoluteString() : "(no URL)";
-    } else {
+    if (!stopping_) {
       incoming_.push_back(std::move(transfer));
       ++inFlight_;
     }
   }
-  if (!dropped.empty()) {
-    // Destroy the transfer (and with it perhaps the delegate) before logging.
-    transfer.reset();
-    log("telvo: transport stopped; request to " + dropped + " dropped");
+  if (!transfer) {
+    curl_multi_wakeup(multi_);
     return;
   }
-  curl_multi_wakeup(multi_);
+  // Stopped: the request still gets its outcome, a cancellation, here.
+  log("telvo: transport stopped; request to " +
+      (transfer->request.url ? transfer->request.url->absoluteString() : "(no URL)") +
+      " cancelled");
+  transfer->response.error =
+      transferError(CURLE_ABORTED_BY_CALLBACK, "cancelled: the transport has shut down");
+  try {
+    transfer->done(transfer->request, transfer->response);
+  } catch (const std::exception& e) {
+    log(std::string("telvo: a transport completion threw: ") + e.what());
+  } catch (...) {
+    log("telvo: a transport completion threw an unknown exception");
+  }
 }
 
 bool CurlClient::Engine::waitUntilIdle(double timeout) {
@@ -214,102 +238,136 @@ void CurlClient::Engine::requestStop(double graceSeconds) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!stopping_) {
       stopping_ = true;
-      deadline_ = SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(
-                                           std::chrono::duration<double>(graceSeconds));
+      deadline_ = SteadyClock::now() + secondsToDuration(graceSeconds);
     }
   }
   curl_multi_wakeup(multi_);
 }
 
-void CurlClient::Engine::join() {
+void CurlClient::Engine::join(SteadyClock::time_point until) {
   if (onEngineThread()) return;  // the loop sees the flag once this completion returns
-  std::lock_guard<std::mutex> lock(joinMutex_);
-  if (thread_.joinable()) thread_.join();
-}
-
-void CurlClient::Engine::run() {
-  try {
-    loop();
-  } catch (const std::exception& e) {
-    log(std::string("telvo: transport thread stopped: ") + e.what());
-  } catch (...) {
-    log("telvo: transport thread stopped by an unknown exception");
+  std::lock_guard<std::mutex> joining(joinMutex_);
+  if (!thread_.joinable()) return;
+  bool exited;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    exited = exitedSignal_.wait_until(lock, until, [this] { return exited_; });
+  }
+  if (exited) {
+    thread_.join();
+  } else {
+    // A completion still runs host code (a delegate, an observer, a store's
+    // fsync): the host is not held for it. The thread owns the engine and
+    // ends on its own.
+    log("telvo: the transport thread did not stop in time; it is left to finish on its own");
+    thread_.detach();
   }
 }
 
-void CurlClient::Engine::loop() {
+void CurlClient::Engine::run() {
+  // One failure must not end the thread: later requests would wait forever.
   for (;;) {
-    std::vector<TransferPtr> arrived;
-    bool stopping;
-    SteadyClock::time_point deadline;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      arrived.swap(incoming_);
-      stopping = stopping_;
-      deadline = deadline_;
+    try {
+      if (!step()) break;
+    } catch (const std::exception& e) {
+      log(std::string("telvo: transport loop recovered from an exception: ") + e.what());
+    } catch (...) {
+      log("telvo: transport loop recovered from an unknown exception");
     }
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    exited_ = true;
+  }
+  exitedSignal_.notify_all();
+}
 
-    std::vector<TransferPtr> finished;
-    for (auto& transfer : arrived) {
-      if (!transfer->response.error && prepare(*transfer)) {
-        CURL* easy = transfer->easy;
-        if (curl_multi_add_handle(multi_, easy) == CURLM_OK) {
-          running_.emplace(easy, std::move(transfer));
-          continue;
-        }
-        transfer->response.error = transferError(CURLE_FAILED_INIT, "libcurl refused the transfer");
-      }
-      finished.push_back(std::move(transfer));
+bool CurlClient::Engine::step() {
+  std::vector<TransferPtr> arrived;
+  bool stopping;
+  SteadyClock::time_point deadline;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    arrived.swap(incoming_);
+    stopping = stopping_;
+    deadline = deadline_;
+  }
+
+  // Room for every transfer that can finish in this step, so that moving one
+  // into it cannot fail and lose it.
+  std::vector<TransferPtr> finished;
+  finished.reserve(arrived.size() + running_.size());
+  for (auto& transfer : arrived) {
+    if (!transfer->response.error) start(*transfer);
+    if (transfer->easy && !transfer->response.error) {
+      CURL* easy = transfer->easy;
+      running_.emplace(easy, std::move(transfer));
+      continue;
     }
+    finished.push_back(std::move(transfer));
+  }
 
-    int stillRunning = 0;
-    curl_multi_perform(multi_, &stillRunning);
-    int queued = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
-      if (message->msg != CURLMSG_DONE) continue;
-      CURL* easy = message->easy_handle;
-      const CURLcode result = message->data.result;
+  int stillRunning = 0;
+  curl_multi_perform(multi_, &stillRunning);
+  int queued = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    CURL* easy = message->easy_handle;
+    const CURLcode result = message->data.result;
+    curl_multi_remove_handle(multi_, easy);
+    auto it = running_.find(easy);
+    if (it == running_.end()) continue;
+    TransferPtr transfer = std::move(it->second);
+    running_.erase(it);
+    long connects = 0;
+    if (curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK) {
+      connectionsOpened_ += connects;
+    }
+    if (result != CURLE_OK) {
+      const char* text = transfer->errorBuffer[0] ? transfer->errorBuffer : curl_easy_strerror(result);
+      transfer->response.error = transferError(result, text);
+    }
+    finished.push_back(std::move(transfer));
+  }
+
+  if (stopping && !running_.empty() && SteadyClock::now() >= deadline) {
+    for (auto& [easy, transfer] : running_) {
       curl_multi_remove_handle(multi_, easy);
-      auto it = running_.find(easy);
-      if (it == running_.end()) continue;
-      TransferPtr transfer = std::move(it->second);
-      running_.erase(it);
-      long connects = 0;
-      if (curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK) {
-        connectionsOpened_ += connects;
-      }
-      if (result != CURLE_OK) {
-        std::string text =
-            transfer->errorBuffer[0] ? transfer->errorBuffer : curl_easy_strerror(result);
-        transfer->response.error = transferError(result, std::move(text));
-      }
+      transfer->response.error =
+          transferError(CURLE_ABORTED_BY_CALLBACK, "cancelled: the transport shut down");
       finished.push_back(std::move(transfer));
     }
+    running_.clear();
+  }
 
-    if (stopping && !running_.empty() && SteadyClock::now() >= deadline) {
-      for (auto& [easy, transfer] : running_) {
-        curl_multi_remove_handle(multi_, easy);
-        transfer->response.error =
-            transferError(CURLE_ABORTED_BY_CALLBACK, "cancelled: the transport shut down");
-        finished.push_back(std::move(transfer));
-      }
-      running_.clear();
+  deliver(finished);
+
+  if (stopping) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (running_.empty() && incoming_.empty()) return false;
+  }
+
+  int waitMs = 1000;
+  if (stopping) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now());
+    waitMs = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 100));
+  }
+  curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
+  return true;
+}
+
+void CurlClient::Engine::start(Transfer& transfer) {
+  try {
+    if (!prepare(transfer)) return;
+    if (curl_multi_add_handle(multi_, transfer.easy) != CURLM_OK) {
+      transfer.response.error = transferError(CURLE_FAILED_INIT, "libcurl refused the transfer");
+      return;
     }
-
-    deliver(finished);
-
-    if (stopping) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (running_.empty() && incoming_.empty()) return;
-    }
-
-    int waitMs = 1000;
-    if (stopping) {
-      auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now());
-      waitMs = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 100));
-    }
-    curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
+    running_.reserve(running_.size() + 1);  // the emplace that follows cannot fail
+  } catch (const std::exception& e) {
+    if (transfer.easy) curl_multi_remove_handle(multi_, transfer.easy);
+    transfer.response.error = transferError(
+        CURLE_OUT_OF_MEMORY, std::string("the request could not be prepared: ") + e.what());
   }
 }
 
@@ -510,7 +568,9 @@ void stopAllAtExit() {
   }
   // All stop together, so the exit waits for one grace time at most.
   for (auto& engine : live) engine->requestStop(CurlClient::kShutdownGrace);
-  for (auto& engine : live) engine->join();
+  const auto until =
+      SteadyClock::now() + secondsToDuration(CurlClient::kShutdownGrace + kJoinMargin);
+  for (auto& engine : live) engine->join(until);
 }
 
 void initialiseLibcurlOnce() {

@@ -17,8 +17,12 @@
 //
 // Shutdown: the destructor, and for every client still alive the process's
 // exit, stop the thread. Transfers still running then get a short grace time;
-// whatever is left after it completes with a cancellation error. Requests sent
-// after shutdown are dropped with a log line.
+// whatever is left after it completes with a cancellation error. The stop
+// waits at most the grace time and half a second more: a completion still
+// running host code after that is left to finish on the detached thread.
+// Requests sent after shutdown complete at once, on the sending thread, with
+// a cancellation error. An exception anywhere in the loop fails only the
+// request it came from; the thread goes on.
 //
 // Thread safety: every member function may be called from any thread,
 // including from inside a completion.
@@ -60,8 +64,8 @@ class CurlClient {
   // completion it does not wait.
   bool waitUntilIdle(double timeout);
 
-  // Stops the thread as described above, waiting at most about
-  // `graceSeconds` (not at all when called from a completion). Idempotent.
+  // Stops the thread as described above, waiting at most `graceSeconds` +
+  // 0.5 s (not at all when called from a completion). Idempotent.
   void shutdown(double graceSeconds);
 
   // New connections opened so far (each one a TCP connect and TLS handshake).

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "encoding/json_text.h"
 #include "encoding/utf8.h"
 #include "telvo/http_cookie.h"
 #include "telvo/user_defaults.h"
@@ -17,8 +18,9 @@ constexpr std::int64_t kJSONErrorInvalid = 2;
 constexpr std::int64_t kJSONErrorFragment = 3;
 
 // The stripped text as JSON: an object or an array at the top, nothing else.
+// Nesting beyond kMaxJsonDepth counts as text that does not parse.
 std::optional<Json> parseJSON(std::string_view text, Error* error) {
-  Json parsed = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+  Json parsed = encoding::parseJson(text);
   if (parsed.is_discarded()) {
     *error = Error{kJSONErrorDomain, kJSONErrorInvalid,
                    text.empty() ? "the body is empty" : "the body is not valid JSON"};

@@ -65,7 +65,8 @@ std::optional<Bytes> compressedDataWithData(const Bytes& data) {
   return compressedDataWithBytes(data.data(), static_cast<std::uint32_t>(data.size()));
 }
 
-std::optional<Bytes> dataWithCompressedBytes(const void* bytes, std::uint32_t length) {
+std::optional<Bytes> dataWithCompressedBytes(const void* bytes, std::uint32_t length,
+                                             std::optional<std::size_t> maxLength) {
   if (bytes == nullptr && length != 0) return std::nullopt;
   std::uint8_t* const chunk = inflateChunk();
   if (chunk == nullptr) return std::nullopt;
@@ -82,6 +83,7 @@ std::optional<Bytes> dataWithCompressedBytes(const void* bytes, std::uint32_t le
       const int status = inflate(zs, Z_NO_FLUSH);
       if (status != Z_OK && status != Z_STREAM_END) return std::nullopt;
       const std::size_t produced = kChunkSize - zs->avail_out;
+      if (maxLength && produced > *maxLength - result.size()) return std::nullopt;
       // Grow by exactly what this pass produced: reserve() of the exact size
       // keeps insert() from over-allocating.
       result.reserve(result.size() + produced);
@@ -96,9 +98,10 @@ std::optional<Bytes> dataWithCompressedBytes(const void* bytes, std::uint32_t le
   }
 }
 
-std::optional<Bytes> dataWithCompressedData(const Bytes& data) {
+std::optional<Bytes> dataWithCompressedData(const Bytes& data,
+                                            std::optional<std::size_t> maxLength) {
   if (data.size() > std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
-  return dataWithCompressedBytes(data.data(), static_cast<std::uint32_t>(data.size()));
+  return dataWithCompressedBytes(data.data(), static_cast<std::uint32_t>(data.size()), maxLength);
 }
 
 }  // namespace telvo

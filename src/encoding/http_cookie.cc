@@ -53,6 +53,7 @@ std::string defaultPath(const std::string& uriPath) {
 }
 
 bool pathMatches(const std::string& requestPath, const std::string& cookiePath) {
+  if (cookiePath.empty()) return false;  // no cookie the library makes has one
   if (requestPath == cookiePath) return true;
   if (requestPath.compare(0, cookiePath.size(), cookiePath) != 0) return false;
   return cookiePath.back() == '/' || requestPath[cookiePath.size()] == '/';
@@ -263,8 +264,10 @@ std::optional<HTTPCookie> HTTPCookie::cookieWithProperties(const Json& propertie
     kept[key] = *it;
   }
   const std::string name = kept[HTTPCookieName].get<std::string>();
+  const std::string& path = kept[HTTPCookiePath].get_ref<const std::string&>();
   if (name.empty() || name.find('=') != std::string::npos || !safeForHeader(name) ||
-      !safeForHeader(kept[HTTPCookieValue].get<std::string>())) {
+      !safeForHeader(kept[HTTPCookieValue].get<std::string>()) || path.empty() ||
+      path.front() != '/' || !safeForHeader(path)) {
     return std::nullopt;
   }
   if (auto it = properties.find(HTTPCookieExpires); it != properties.end() && it->is_number()) {

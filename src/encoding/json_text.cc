@@ -7,6 +7,47 @@
 namespace telvo {
 namespace encoding {
 
+bool withinJsonDepth(std::string_view text, std::size_t maxDepth) {
+  std::size_t depth = 0;
+  bool inString = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;  // the escaped character, whatever it is
+      } else if (c == '"') {
+        inString = false;
+      }
+      continue;
+    }
+    switch (c) {
+      case '"':
+        inString = true;
+        break;
+      case '[':
+      case '{':
+        if (++depth > maxDepth) return false;
+        break;
+      case ']':
+      case '}':
+        if (depth > 0) --depth;
+        break;
+      default:
+        break;
+    }
+  }
+  return true;
+}
+
+Json parseJson(std::string_view text) {
+  if (!withinJsonDepth(text)) return Json(Json::value_t::discarded);
+  try {
+    return Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+  } catch (const std::exception&) {  // out of memory
+    return Json(Json::value_t::discarded);
+  }
+}
+
 std::string dumpJson(const Json& value) {
   return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

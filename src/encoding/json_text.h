@@ -3,6 +3,7 @@
 // read from answers and documents. Pure functions; any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -12,6 +13,19 @@
 
 namespace telvo {
 namespace encoding {
+
+// Arrays and objects nested deeper than this, in JSON from outside (answers,
+// documents, files, posted bodies), make the text count as not parsing: well
+// below what the copies and walks of such a value need from a small stack.
+inline constexpr std::size_t kMaxJsonDepth = 128;
+
+// True when `text` nests arrays and objects at most `maxDepth` deep. A linear
+// scan that skips strings; it does not check that the text is JSON.
+bool withinJsonDepth(std::string_view text, std::size_t maxDepth = kMaxJsonDepth);
+
+// `text` parsed, or a discarded value (is_discarded()) where it is not JSON
+// or nests deeper than kMaxJsonDepth. Never throws.
+Json parseJson(std::string_view text);
 
 // Compact JSON. Invalid UTF-8 in strings becomes U+FFFD instead of throwing;
 // non-finite numbers become null.

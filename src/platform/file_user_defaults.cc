@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "encoding/json_text.h"
+#include "platform/defaults_file.h"
 #include "telvo/log.h"
 #include "telvo/user_defaults.h"
 
@@ -65,14 +67,27 @@ bool writeAll(int fd, const std::string& text) {
   return true;
 }
 
+// Reads a regular file of at most kMaxDefaultsFileBytes; anything else (a
+// folder, a pipe, a device, a huge file) is refused with EFBIG or EINVAL.
 bool readAll(const std::string& path, std::string* out, int* error) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     *error = errno;
     return false;
   }
+  struct stat info {};
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    *error = EINVAL;
+    ::close(fd);
+    return false;
+  }
   char buffer[8192];
   for (;;) {
+    if (out->size() > platform::kMaxDefaultsFileBytes) {
+      *error = EFBIG;
+      ::close(fd);
+      return false;
+    }
     ssize_t n = ::read(fd, buffer, sizeof buffer);
     if (n < 0) {
       if (errno == EINTR) continue;
@@ -172,6 +187,17 @@ std::string homeFolder() {
 
 }  // namespace
 
+namespace platform {
+
+std::optional<Json> parseDefaultsFile(std::string_view text) {
+  if (text.size() > kMaxDefaultsFileBytes) return std::nullopt;
+  Json parsed = encoding::parseJson(text);
+  if (!parsed.is_object()) return std::nullopt;
+  return parsed;
+}
+
+}  // namespace platform
+
 struct FileUserDefaults::State {
   std::string path;
   mutable std::mutex mutex;  // guards everything below
@@ -212,12 +238,12 @@ FileUserDefaults::FileUserDefaults(std::string path) : state_(std::make_unique<S
     }
     return;
   }
-  Json parsed = Json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (!parsed.is_object()) {
+  auto parsed = platform::parseDefaultsFile(text);
+  if (!parsed) {
     log("telvo: user defaults " + state_->path + " are not a JSON object; starting empty");
     return;
   }
-  state_->values = std::move(parsed);
+  state_->values = std::move(*parsed);
 }
 
 FileUserDefaults::~FileUserDefaults() { synchronize(); }

@@ -94,18 +94,10 @@ void ThreadExecutor::Core::run() {
   std::vector<std::function<void()>> batch;
   std::unique_lock<std::mutex> lock(mutex);
   for (;;) {
-    if (!incoming.empty()) {
-      // Swapping keeps both vectors' capacity, so steady posting does not allocate.
-      batch.swap(incoming);
-      lock.unlock();
-      for (auto& work : batch) runGuarded(options.name, work);
-      batch.clear();  // closures are destroyed here, without the lock
-      lock.lock();
-      continue;
-    }
-    if (stopping) break;
+    // A due timer fires before the next piece of work, so a queue that never
+    // runs dry still flushes on time.
     auto now = SteadyClock::now();
-    if (!timers.empty() && timers.top().due <= now) {
+    if (!stopping && !timers.empty() && timers.top().due <= now) {
       TimerEntry entry = timers.top();
       timers.pop();
       lock.unlock();
@@ -122,8 +114,18 @@ void ThreadExecutor::Core::run() {
         if (next <= now) next += step * ((now - next) / step + 1);
         timers.push({next, entry.sequence, std::move(entry.timer)});
       }
+    }
+    if (!incoming.empty()) {
+      // Swapping keeps both vectors' capacity, so steady posting does not allocate.
+      batch.swap(incoming);
+      lock.unlock();
+      for (auto& work : batch) runGuarded(options.name, work);
+      batch.clear();  // closures are destroyed here, without the lock
+      lock.lock();
       continue;
     }
+    if (stopping) break;
+    if (!timers.empty() && timers.top().due <= SteadyClock::now()) continue;
     sleeping = true;
     if (timers.empty()) {
       wake.wait(lock);

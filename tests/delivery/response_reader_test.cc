@@ -113,6 +113,7 @@ TEST_F(ResponseReaderTest, UnparseableBodiesFailOrArriveEmpty) {
       "null",  // fragments are not documents
       "{\"a\":1} trailing",
       std::string("{\"a\":\"\xC3\x28\"}"),  // not UTF-8
+      "{\"sessionId\":" + std::string(100000, '[') + std::string(100000, ']') + "}",  // too deep
   };
   for (const auto& body : bodies) {
     auto failing = std::make_shared<TestTransportDelegate>(true);

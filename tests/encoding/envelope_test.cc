@@ -91,6 +91,29 @@ TEST(EnvelopeDecode, NamesTheLayerThatFailed) {
   }
 }
 
+TEST(EnvelopeDecode, RefusesBombsAndDeepDocuments) {
+  // 8 MiB of zeros in a few kilobytes: refused at the limit, not inflated.
+  const std::string zeros(std::size_t{8} << 20, '0');
+  const auto bomb = buildTelvoJsonParameter("[\"" + zeros + "\"]");
+  ASSERT_TRUE(bomb);
+  ASSERT_LT(bomb->size(), 64u * 1024);
+  const auto refused = decodeTelvoJsonParameter(bodyText(*bomb), 1 << 20);
+  EXPECT_EQ(refused.failure, DecodedEnvelope::Failure::kZlib);
+  EXPECT_EQ(refused.message, "zlib: the stream inflates to more than the limit of 1048576 bytes");
+  EXPECT_TRUE(decodeTelvoJsonParameter(bodyText(*bomb), (std::size_t{8} << 20) + 20).ok());
+  // Exactly at the limit is still within it.
+  const auto small = buildTelvoJsonParameter("{}");
+  EXPECT_TRUE(decodeTelvoJsonParameter(bodyText(*small), 12).ok());
+  EXPECT_FALSE(decodeTelvoJsonParameter(bodyText(*small), 11).ok());
+
+  const auto deep = buildTelvoJsonParameter(std::string(100000, '[') + std::string(100000, ']'));
+  const auto nested = decodeTelvoJsonParameter(bodyText(*deep));
+  EXPECT_EQ(nested.failure, DecodedEnvelope::Failure::kJson);
+  EXPECT_EQ(nested.message, "json: the document nests arrays and objects more than 128 deep");
+  const auto shallow = buildTelvoJsonParameter(std::string(128, '[') + std::string(128, ']'));
+  EXPECT_TRUE(decodeTelvoJsonParameter(bodyText(*shallow)).ok());
+}
+
 TEST(Envelope, ConcurrentCallsKeepTheirOwnBuffers) {
   std::vector<std::thread> threads;
   std::vector<int> mismatches(4, 0);

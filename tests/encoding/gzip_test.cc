@@ -133,5 +133,17 @@ TEST(GzipRoundTrip, RandomBuffers) {
   }
 }
 
+TEST(Inflate, AnOutputLimitStopsABombEarly) {
+  const Bytes zeros(std::size_t{16} << 20, 0);
+  const auto packed = compressedDataWithData(zeros);
+  ASSERT_TRUE(packed);
+  EXPECT_FALSE(dataWithCompressedData(*packed, std::size_t{1} << 20));
+  EXPECT_FALSE(dataWithCompressedData(*packed, zeros.size() - 1));
+  const auto exact = dataWithCompressedData(*packed, zeros.size());
+  ASSERT_TRUE(exact);
+  EXPECT_EQ(exact->size(), zeros.size());
+  EXPECT_EQ(dataWithCompressedData(*packed), exact);
+}
+
 }  // namespace
 }  // namespace telvo

@@ -16,12 +16,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Returns once everything posted to `executor` before the call has run.
-void drain(Executor& executor) {
-  std::promise<void> done;
-  executor.post([&] { done.set_value(); });
-  ASSERT_EQ(done.get_future().wait_for(5s), std::future_status::ready);
-}
 
 TEST(ThreadExecutor, ConcurrentPostersKeepTheirOrderAndLoseNothing) {
   ThreadExecutor executor;
@@ -36,7 +30,7 @@ TEST(ThreadExecutor, ConcurrentPostersKeepTheirOrderAndLoseNothing) {
     });
   }
   for (auto& t : producers) t.join();
-  drain(executor);
+  ASSERT_TRUE(drain(executor, 5));
   for (int p = 0; p < kProducers; ++p) {
     ASSERT_EQ(seen[p].size(), static_cast<std::size_t>(kPerProducer));
     for (int i = 0; i < kPerProducer; ++i) ASSERT_EQ(seen[p][i], i);
@@ -51,7 +45,7 @@ TEST(ThreadExecutor, RepeatingTimerFiresUntilInvalidatedFromAnotherThread) {
   while (fired < 3 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(10ms);
   timer->invalidate();
-  drain(executor);  // a firing already under way has ended
+  ASSERT_TRUE(drain(executor, 5));  // a firing already under way has ended
   int atInvalidation = fired;
   EXPECT_GE(atInvalidation, 3);
   std::this_thread::sleep_for(300ms);
@@ -79,7 +73,7 @@ TEST(ThreadExecutor, ThrowingWorkIsLoggedAndTheWorkerCarriesOn) {
   ThreadExecutor executor;
   executor.post([] { throw std::runtime_error("bad item"); });
   executor.post([] { throw 42; });
-  drain(executor);
+  ASSERT_TRUE(drain(executor, 5));
   auto lines = logs.lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_NE(lines[0].find("bad item"), std::string::npos);
@@ -131,20 +125,39 @@ TEST(ThreadExecutor, LastReferenceDroppedOnTheWorkerDoesNotDeadlock) {
   EXPECT_TRUE(weak.expired());
 }
 
+TEST(ThreadExecutor, DueTimersFireBetweenPiecesOfWorkWhateverTheLoad) {
+  ThreadExecutor executor;
+  std::atomic<int> firings{0};
+  auto timer = executor.scheduleRepeating(0.1, [&] { ++firings; });
+  // Work at full speed: every piece posts the next, so work is always
+  // waiting. Real time, 1.2 s: most of the 12 firings must happen.
+  std::atomic<bool> flooding{true};
+  std::function<void()> chain;
+  chain = [&] {
+    if (flooding) executor.post(chain);
+  };
+  for (int i = 0; i < 64; ++i) executor.post(chain);
+  std::this_thread::sleep_for(1200ms);
+  flooding = false;
+  ASSERT_TRUE(drain(executor, 5));
+  timer->invalidate();
+  EXPECT_GE(firings.load(), 5);
+}
+
 TEST(DefaultQueues, AreReplaceableAndRestoredByNull) {
   auto main = mainQueue();
   ASSERT_NE(main, nullptr);
   EXPECT_EQ(mainQueue(), main);
   auto background = backgroundQueue();
   EXPECT_NE(background, main);
-  drain(*background);
+  ASSERT_TRUE(drain(*background, 5));
 
   auto replacement = std::make_shared<ThreadExecutor>();
   setMainQueue(replacement);
   EXPECT_EQ(mainQueue(), replacement);
   setMainQueue(nullptr);
   EXPECT_NE(mainQueue(), replacement);
-  drain(*mainQueue());
+  ASSERT_TRUE(drain(*mainQueue(), 5));
 }
 
 }  // namespace

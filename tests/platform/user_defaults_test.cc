@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -64,6 +65,28 @@ TEST(FileUserDefaults, CorruptOrUnreadableFileStartsEmptyWithOneLogLine) {
   }
   CapturedLog logs;
   FileUserDefaults folderInsteadOfFile(folder.path());  // read fails with EISDIR
+  EXPECT_EQ(logs.lines().size(), 1u);
+}
+
+TEST(FileUserDefaults, HostileFilesStartEmptyWithOneLogLine) {
+  TempFolder folder;
+  const std::string deep =
+      "{\"k\":" + std::string(100000, '[') + std::string(100000, ']') + "}";
+  const std::string huge = "{\"k\":\"" + std::string(2 << 20, 'x') + "\"}";
+  for (const std::string& content : {deep, huge}) {
+    CapturedLog logs;
+    std::string path = folder.file("defaults.json");
+    writeFile(path, content);
+    FileUserDefaults defaults(path);
+    EXPECT_FALSE(defaults.objectForKey("k"));
+    EXPECT_EQ(logs.lines().size(), 1u);
+  }
+  // A pipe where the file should be is not waited on.
+  CapturedLog logs;
+  const std::string fifo = folder.file("fifo.json");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  FileUserDefaults pipe(fifo);
+  EXPECT_FALSE(pipe.objectForKey("k"));
   EXPECT_EQ(logs.lines().size(), 1u);
 }
 

@@ -200,7 +200,8 @@ void CollectorServer::handlePost(PostKind kind, const httplib::Request& req,
   headers.cookie = header(req, "Cookie");
   CheckedPost checked =
       PostChecker::check(kind, headers, req.body, received,
-                         [this](const std::string& id) { return store_.hasSession(id); });
+                         [this](const std::string& id) { return store_.hasSession(id); },
+                         options_.maxInflatedBytes);
 
   RequestRecord record;
   Json answer = Json{{"status", "ok"}};

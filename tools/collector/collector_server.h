@@ -29,6 +29,7 @@
 
 #include "collector/collector_store.h"
 #include "collector/post_checker.h"
+#include "telvo/envelope.h"
 #include "telvo/types.h"
 
 namespace httplib {
@@ -51,6 +52,8 @@ struct CollectorOptions {
   std::optional<std::string> callback;   // wraps the hello answer as NAME( ... );
   std::optional<std::string> setCookie;  // Set-Cookie header of the hello answer
   std::size_t maxBodyBytes = 8 * 1024 * 1024;
+  // A post whose text inflates to more than this is refused as a problem.
+  std::size_t maxInflatedBytes = kDefaultMaxInflatedBytes;
   bool logRequests = true;  // one line per request on standard error
 };
 

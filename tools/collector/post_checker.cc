@@ -232,7 +232,8 @@ void checkError(const Json& document, std::int64_t receivedMs,
 }  // namespace
 
 CheckedPost PostChecker::check(PostKind kind, const PostHeaders& headers, std::string_view body,
-                               std::int64_t receivedMs, const SessionLookup& knownSession) {
+                               std::int64_t receivedMs, const SessionLookup& knownSession,
+                               std::size_t maxInflatedBytes) {
   CheckedPost out;
   const char* label = kind == PostKind::kHello   ? "hello: "
                       : kind == PostKind::kBatch ? "batch: "
@@ -256,7 +257,7 @@ CheckedPost PostChecker::check(PostKind kind, const PostHeaders& headers, std::s
 
   DecodedEnvelope envelope;
   try {
-    envelope = decodeTelvoJsonParameter(body);
+    envelope = decodeTelvoJsonParameter(body, maxInflatedBytes);
   } catch (const std::exception& e) {
     envelope.failure = DecodedEnvelope::Failure::kJson;
     envelope.message = e.what();

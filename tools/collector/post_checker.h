@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "collector/collector_store.h"
+#include "telvo/envelope.h"
 #include "telvo/types.h"
 
 namespace telvo::tool {
@@ -61,9 +62,12 @@ class PostChecker {
   using SessionLookup = std::function<bool(const std::string& sessionId)>;
 
   // Checks `body` as a post of `kind`. `receivedMs` stamps the rows;
-  // `knownSession` answers whether a session id was handed out. Never throws.
+  // `knownSession` answers whether a session id was handed out; a body whose
+  // text inflates to more than `maxInflatedBytes` is refused at the zlib
+  // layer. Never throws.
   static CheckedPost check(PostKind kind, const PostHeaders& headers, std::string_view body,
-                           std::int64_t receivedMs, const SessionLookup& knownSession);
+                           std::int64_t receivedMs, const SessionLookup& knownSession,
+                           std::size_t maxInflatedBytes = kDefaultMaxInflatedBytes);
 };
 
 }  // namespace telvo::tool
