@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -90,7 +91,17 @@ bool certificateUsable(const std::filesystem::path& cert, const std::filesystem:
   return std::filesystem::file_time_type::clock::now() - written < std::chrono::hours(24 * 25);
 }
 
+// Each connection holds a descriptor: allow as many as the system lets us.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
 int runCollector(const CollectorCommandOptions& options) {
+  raiseDescriptorLimit();
   if (options.port < 0 || options.port > 65535) {
     std::cerr << "telvo collector: --port must be 0 (any free port) to 65535\n";
     return kExitUsage;

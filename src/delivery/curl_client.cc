@@ -33,6 +33,8 @@ constexpr long kMaxConnectionsPerHost = 6;
 constexpr long kConnectionCacheSize = 16;
 constexpr size_t kIdleHandlePoolSize = 16;
 constexpr double kDefaultTimeoutSeconds = 60.0;
+// No transfer runs longer than this, however steadily its data trickles.
+constexpr double kLongestTransfer = 600.0;
 constexpr long kCACacheSeconds = 24 * 60 * 60;
 
 using encoding::equalsIgnoringCase;
@@ -97,11 +99,18 @@ class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
     curl_slist* headers = nullptr;
     HttpResponse response;
     char errorBuffer[CURL_ERROR_SIZE] = {};
+    // Time without data: the request's time-out.
+    SteadyClock::duration idleLimit{};
+    SteadyClock::time_point lastActivity;
+    curl_off_t downSeen = 0, upSeen = 0;
+    bool idleTimedOut = false;
   };
   using TransferPtr = std::unique_ptr<Transfer>;
 
   static size_t onHeader(char* data, size_t size, size_t count, void* user);
   static size_t onBody(char* data, size_t size, size_t count, void* user);
+  static int onProgress(void* user, curl_off_t downTotal, curl_off_t downNow, curl_off_t upTotal,
+                        curl_off_t upNow);
 
   void run();
   // One pass of the loop: hand-overs, transfers, completions, a wait. False
@@ -323,7 +332,14 @@ bool CurlClient::Engine::step() {
     if (curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK) {
       connectionsOpened_ += connects;
     }
-    if (result != CURLE_OK) {
+    if (transfer->idleTimedOut) {
+      transfer->response.error = transferError(
+          CURLE_OPERATION_TIMEDOUT, "timed out: no data for " +
+                                        std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                           transfer->idleLimit)
+                                                           .count()) +
+                                        " ms");
+    } else if (result != CURLE_OK) {
       const char* text = transfer->errorBuffer[0] ? transfer->errorBuffer : curl_easy_strerror(result);
       transfer->response.error = transferError(result, text);
     }
@@ -382,7 +398,8 @@ bool CurlClient::Engine::prepare(Transfer& transfer) {
 
   // The caller's fields as given; an empty value needs libcurl's "Name;" form.
   curl_slist* headers = nullptr;
-  bool hasAccept = false, hasExpect = false, hasContentType = false, hasCookie = false;
+  bool hasAccept = false, hasExpect = false, hasContentType = false, hasCookie = false,
+       hasAcceptEncoding = false;
   auto append = [&headers](const std::string& line) {
     curl_slist* grown = curl_slist_append(headers, line.c_str());
     if (!grown) throw std::bad_alloc();
@@ -398,6 +415,7 @@ bool CurlClient::Engine::prepare(Transfer& transfer) {
       }
       hasAccept |= sameName(name, "Accept");
       hasExpect |= sameName(name, "Expect");
+      hasAcceptEncoding |= sameName(name, "Accept-Encoding");
       hasContentType |= sameName(name, "Content-Type");
       hasCookie |= sameName(name, "Cookie");
       append(value.empty() ? name + ";" : name + ": " + value);
@@ -409,6 +427,7 @@ bool CurlClient::Engine::prepare(Transfer& transfer) {
     // libcurl's defaults that the caller did not ask for stay off the wire.
     if (!hasAccept) append("Accept:");
     if (!hasExpect) append("Expect:");
+    if (!hasAcceptEncoding) append("Accept-Encoding:");
     if (!hasContentType) append("Content-Type:");
   } catch (...) {
     curl_slist_free_all(headers);
@@ -444,17 +463,31 @@ bool CurlClient::Engine::prepare(Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
   curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  // The service's requests say "Content-Encoding: gzip" about a body that is
-  // not gzip; nothing on this path may ask for or undo an encoding.
-  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
+  // An answer the server encoded (Content-Encoding: gzip or deflate) arrives
+  // decoded, as the platform's URL session hands it over. The field that
+  // would ask for an encoding is suppressed above, and the request body goes
+  // out as the caller made it.
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "gzip, deflate");
+  curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 1L);
 
+  // The request's time-out is time without data, connecting included, as the
+  // platform's URL session counts it (onProgress); a transfer that keeps
+  // trickling still ends after kLongestTransfer in all.
   double timeout = request.timeoutInterval;
   if (!(timeout > 0) || !std::isfinite(timeout)) timeout = kDefaultTimeoutSeconds;
-  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(std::ceil(timeout * 1000)));
+  timeout = std::min(timeout, kLongestTransfer);
+  transfer.idleLimit = secondsToDuration(timeout);
+  transfer.lastActivity = SteadyClock::now();
+  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Engine::onProgress);
+  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(kLongestTransfer * 1000));
+  double connectTimeout = timeout;
   if (options_.connectTimeout > 0 && std::isfinite(options_.connectTimeout)) {
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
-                     static_cast<long>(std::ceil(options_.connectTimeout * 1000)));
+    connectTimeout = std::min(connectTimeout, options_.connectTimeout);
   }
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
+                   static_cast<long>(std::ceil(connectTimeout * 1000)));
   if (!options_.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, options_.caFile.c_str());
   if (!options_.caPath.empty()) curl_easy_setopt(easy, CURLOPT_CAPATH, options_.caPath.c_str());
   // The parsed store stays in the multi handle, shared by every connection.
@@ -501,6 +534,21 @@ size_t CurlClient::Engine::onHeader(char* data, size_t size, size_t count, void*
                                           trimmed(line.substr(colon + 1)));
   }
   return length;
+}
+
+int CurlClient::Engine::onProgress(void* user, curl_off_t, curl_off_t downNow, curl_off_t,
+                                   curl_off_t upNow) {
+  auto& transfer = *static_cast<Transfer*>(user);
+  const auto now = SteadyClock::now();
+  if (downNow != transfer.downSeen || upNow != transfer.upSeen) {
+    transfer.downSeen = downNow;
+    transfer.upSeen = upNow;
+    transfer.lastActivity = now;
+    return 0;
+  }
+  if (now - transfer.lastActivity < transfer.idleLimit) return 0;
+  transfer.idleTimedOut = true;
+  return 1;  // aborts the transfer
 }
 
 size_t CurlClient::Engine::onBody(char* data, size_t size, size_t count, void* user) {

@@ -13,7 +13,10 @@
 // given with the request (a "Cookie" extra field only where the caller set
 // none), plus what HTTP itself needs (Host, Content-Length): libcurl's own
 // Accept, Expect and form Content-Type fields are suppressed, and nothing asks
-// for or decodes a content encoding.
+// for an encoding; an answer the server encoded anyway (gzip, deflate) is
+// decoded. A request's time-out counts time without data (connecting
+// included), not the whole transfer, which ends after 10 minutes at most. An
+// answer body beyond 64 MiB fails the transfer.
 //
 // Shutdown: the destructor, and for every client still alive the process's
 // exit, stop the thread. Transfers still running then get a short grace time;

@@ -15,7 +15,9 @@
 #include <thread>
 #include <vector>
 
+#include "delivery/curl_transport.h"
 #include "delivery/transport_test_delegate.h"
+#include "support/captured_log.h"
 #include "support/https_test_server.h"
 #include "telvo/http_cookie.h"
 #include "telvo/log.h"
@@ -80,6 +82,7 @@ class TransportHttpsTest : public ::testing::Test {
 
   void SetUp() override {
     defaults_ = std::make_shared<MemoryUserDefaults>();
+    HTTPCookieStorage::sharedHTTPCookieStorage().deleteAllCookies();  // no cookie of an earlier test
     server_->reset();
     TelvoTransport::Options options;
     options.caFile = server_->certificateFile();
@@ -315,6 +318,38 @@ TEST_F(TransportHttpsTest, ReleasingTheTransportCancelsWhatIsLeftAtTheDeadline) 
   releasing.reset();  // the request in flight keeps it
   ASSERT_EQ(done.wait_for(Seconds(kWait)), std::future_status::ready);
   EXPECT_FALSE(*holder);
+}
+
+TEST_F(TransportHttpsTest, ReleaseGivesUpOnACompletionThatDoesNotReturn) {
+  // A delegate that holds the transport's thread far past the deadline.
+  auto entered = std::make_shared<std::promise<void>>();
+  auto inside = entered->get_future();
+  auto stuck = std::make_shared<TestTransportDelegate>(true);
+  stuck->onResult = [entered](const TestTransportDelegate::Result&) {
+    entered->set_value();
+    std::this_thread::sleep_for(std::chrono::seconds(4));
+  };
+  transport_->sendRequest(request("/plain"), 3, stuck);
+  stuck.reset();
+  ASSERT_EQ(inside.wait_for(Seconds(kWait)), std::future_status::ready);
+  CapturedLog log;
+  const auto started = std::chrono::steady_clock::now();
+  transport_.reset();
+  EXPECT_LT(Seconds(std::chrono::steady_clock::now() - started).count(), 2.5);
+  EXPECT_EQ(log.lines().size(), 1u);  // the thread is left to finish on its own
+}
+
+TEST_F(TransportHttpsTest, ARequestAfterShutdownStillGetsItsOutcome) {
+  auto curl = std::dynamic_pointer_cast<CurlTransport>(transport_);
+  ASSERT_TRUE(curl);
+  curl->shutdown(0);
+  CapturedLog log;
+  auto late = std::make_shared<TestTransportDelegate>(true);
+  curl->sendRequest(request("/plain"), 3, late);
+  ASSERT_EQ(late->failures().size(), 1u);  // at once, on this thread
+  EXPECT_EQ(late->failures()[0].domain, "telvo.transport");
+  EXPECT_EQ(late->failures()[0].code, 42);  // CURLE_ABORTED_BY_CALLBACK: cancelled
+  EXPECT_TRUE(curl->waitUntilIdle(0));
 }
 
 TEST_F(TransportHttpsTest, SharedTransportIsOneInstanceUntilReplaced) {

@@ -151,6 +151,31 @@ TEST_F(CodecToolTest, BadInputGetsOneLineNamingTheLayer) {
   }
 }
 
+TEST_F(CodecToolTest, DeepDocumentsAndBombsAreRefusedInBoundedMemory) {
+  const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+  const ToolRun encode = run({"encode", "--compact"}, deep);
+  EXPECT_EQ(encode.status, 2);
+  EXPECT_NE(encode.err.find("more than 128 deep"), std::string::npos) << encode.err;
+
+  const ToolRun nested = run({"decode"}, wrapped("telvoJson=" + deep));
+  EXPECT_EQ(nested.status, 2);
+  EXPECT_EQ(nested.err, "telvo decode: json: the document nests arrays and objects more than 128 "
+                        "deep\n");
+
+  // 80 MiB of text in well under a megabyte: beyond the default limit.
+  const std::string bomb = wrapped("telvoJson=[\"" + std::string(80u << 20, '0') + "\"]");
+  ASSERT_LT(bomb.size(), 1u << 20);
+  const ToolRun refused = run({"decode"}, bomb);
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_EQ(refused.err,
+            "telvo decode: zlib: the stream inflates to more than the limit of 67108864 bytes\n");
+  const ToolRun limited = run({"decode", "--max-inflated", "1000"}, wrapped("telvoJson=[\"" +
+                                                                            std::string(2000, 'x') +
+                                                                            "\"]"));
+  EXPECT_EQ(limited.status, 2);
+  EXPECT_NE(limited.err.find("limit of 1000 bytes"), std::string::npos) << limited.err;
+}
+
 TEST_F(CodecToolTest, HelpExplainsEachCommand) {
   for (const std::string command : {"encode", "decode"}) {
     const ToolRun help = run({command, "--help"});

@@ -198,6 +198,17 @@ class CollectorProcess {
   }
 
   int port() const { return port_; }
+  pid_t pid() const { return pid_; }
+  // A field of /proc/<pid>/status in KiB (VmHWM: the peak resident memory);
+  // -1 when it cannot be read.
+  long statusKiB(const std::string& field) const {
+    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind(field + ":", 0) == 0) return std::atol(line.c_str() + field.size() + 1);
+    }
+    return -1;
+  }
   std::string baseUrl() const { return "https://127.0.0.1:" + std::to_string(port_); }
   std::string certificatePath() const { return dataDir_ + "/collector-cert.pem"; }
   const std::string& startLine() const { return startLine_; }

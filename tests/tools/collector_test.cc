@@ -7,13 +7,16 @@
 #include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "telvo/base64.h"
 #include "telvo/envelope.h"
@@ -278,7 +281,7 @@ void sendTruncatedRequest(int port, const std::string& path) {
 }
 
 TEST_F(CollectorTest, RecordsMalformedRequestsAndKeepsServing) {
-  start({"--max-body", "4096"});
+  start({"--max-body", "4096", "--max-inflated", "1048576"});
   std::string session = hello();
   ASSERT_FALSE(session.empty());
   struct Case {
@@ -316,6 +319,18 @@ TEST_F(CollectorTest, RecordsMalformedRequestsAndKeepsServing) {
        "unknown path"},
       {"huge body", "/api/postEvent/batch.json", std::string(8192, 'A'), kEnvelopeHeaders, 413,
        "larger than the limit of 4096"},
+      {"deep document", "/api/postEvent/batch.json",
+       rawEnvelope("{\"sessionId\":\"s\",\"events\":" + std::string(1000, '[') +
+                   std::string(1000, ']') + "}"),
+       kEnvelopeHeaders, 400, "more than 128 deep"},
+      {"deep event data", "/api/postEvent/batch.json",
+       rawEnvelope("{\"sessionId\":\"" + session +
+                   "\",\"events\":[{\"eventType\":\"x\",\"eventData\":" +
+                   std::string(1000, '[') + std::string(1000, ']') + "}]}"),
+       kEnvelopeHeaders, 400, "more than 128 deep"},
+      {"bomb", "/api/postEvent/batch.json",
+       rawEnvelope("{\"sessionId\":\"" + std::string(2u << 20, 'x') + "\"}"), kEnvelopeHeaders,
+       400, "inflates to more than the limit of 1048576 bytes"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -349,6 +364,66 @@ TEST_F(CollectorTest, RecordsMalformedRequestsAndKeepsServing) {
   EXPECT_EQ(rows["events"].size(), 2u);
   EXPECT_EQ(rows["sessions"].size(), 2u);
   EXPECT_EQ(rows["errors"].size(), 1u);
+}
+
+TEST_F(CollectorTest, ADecompressionBombCostsNoMoreThanTheInflateLimit) {
+  start();
+  std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  const long before = collector_.statusKiB("VmRSS");
+  // 256 MiB of text in a quarter of a megabyte.
+  const std::string bomb =
+      rawEnvelope("{\"sessionId\":\"" + session + "\",\"x\":\"" + std::string(256u << 20, '0') + "\"}");
+  ASSERT_LT(bomb.size(), 1u << 20);
+  auto res = post("/api/postEvent/batch.json", bomb);
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 400);
+  const long growth = collector_.statusKiB("VmHWM") - before;
+  EXPECT_LT(growth, 160 * 1024) << "KiB above the resident size before the bomb";
+  Json problems = problemsOnceAtLeast(1);
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_NE(problems[0]["description"].get<std::string>().find("limit of 67108864 bytes"),
+            std::string::npos);
+}
+
+TEST_F(CollectorTest, ThousandsOfIdleOrHalfSentConnectionsDoNotHoldUpValidPosts) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  const int connections = static_cast<int>(std::min<rlim_t>(2000, limit.rlim_cur / 2 - 64));
+  start();
+  std::vector<int> sockets;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(collector_.port()));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const auto opening = std::chrono::steady_clock::now();
+  for (int i = 0; i < connections; ++i) {
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+      ::close(fd);
+      continue;
+    }
+    // Every other one starts a TLS handshake and stops half-way.
+    if (i % 2 == 1) (void)!::send(fd, "\x16\x03\x01\x02\x00\x01\x00", 7, MSG_NOSIGNAL);
+    sockets.push_back(fd);
+  }
+  EXPECT_GT(sockets.size(), static_cast<std::size_t>(connections) * 9 / 10);
+  // The collector takes them in as fast as they come.
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - opening).count(), 20.0);
+  // For the few seconds they stay open, valid posts still go through at once.
+  for (int round = 0; round < 4; ++round) {
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(hello().empty()) << "round " << round;
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
+              3.0)
+        << "round " << round;
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  }
+  for (int fd : sockets) ::close(fd);
+  EXPECT_FALSE(hello().empty());
 }
 
 TEST_F(CollectorTest, StopsOnSigtermAndKeepsDataAndCertificateAcrossRestart) {

@@ -79,6 +79,9 @@ TEST_F(ConfigToolTest, BadInputGivesOneLineAndStatusTwo) {
       {"--env qa " + write("unknown.json", R"({"qa": {"batchModeAmount": 5}})"),
        "\"batchModeAmount\""},
       {write("null.json", R"({"default": {"enabled": null}})"), "\"enabled\""},
+      {write("deep.json",
+             "{\"default\": " + std::string(100000, '[') + std::string(100000, ']') + "}"),
+       "more than 128 deep"},
       {"'" + (dir_ / "absent.json").string() + "'", "absent.json"},
   };
   for (const auto& [arguments, mentions] : cases) {

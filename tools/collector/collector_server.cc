@@ -1,8 +1,16 @@
 #include "collector/collector_server.h"
 
 #include <httplib.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/socket.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -33,6 +41,101 @@ void answerJson(httplib::Response& res, int status, const Json& body) {
 
 void answerError(httplib::Response& res, int status, const std::string& message) {
   answerJson(res, status, Json{{"status", "error"}, {"message", message}});
+}
+
+// Each connection gets a thread of its own, up to kMaxConnectionThreads (the
+// rest wait for one), so that idle, slow or half-sent connections cannot
+// hold up a valid post behind them. Threads have small stacks.
+class ConnectionThreads : public httplib::TaskQueue {
+ public:
+  static constexpr std::size_t kMaxConnectionThreads = 4096;
+  static constexpr std::size_t kStackBytes = 512 * 1024;
+
+  void enqueue(std::function<void()> work) override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (running_ < kMaxConnectionThreads) {
+      ++running_;
+      auto* job = new Job{this, std::move(work)};
+      pthread_attr_t attributes;
+      pthread_attr_init(&attributes);
+      pthread_attr_setstacksize(&attributes, kStackBytes);
+      pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+      pthread_t thread;
+      const int failed = pthread_create(&thread, &attributes, &ConnectionThreads::start, job);
+      pthread_attr_destroy(&attributes);
+      if (failed == 0) return;
+      --running_;
+      work = std::move(job->work);
+      delete job;
+    }
+    waiting_.push_back(std::move(work));
+    if (running_ == 0) {  // no thread could be made: serve it here
+      auto next = std::move(waiting_.front());
+      waiting_.pop_front();
+      lock.unlock();
+      next();
+    }
+  }
+
+  // Waits for every connection to be served to its end.
+  void shutdown() override {
+    std::unique_lock<std::mutex> lock(mutex_);
+    idle_.wait(lock, [this] { return running_ == 0 && waiting_.empty(); });
+  }
+
+ private:
+  struct Job {
+    ConnectionThreads* owner;
+    std::function<void()> work;
+  };
+
+  static void* start(void* argument) {
+    std::unique_ptr<Job> job(static_cast<Job*>(argument));
+    job->owner->run(std::move(job->work));
+    return nullptr;
+  }
+
+  void run(std::function<void()> work) {
+    for (;;) {
+      work();
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (waiting_.empty()) {
+        --running_;
+        idle_.notify_all();
+        return;
+      }
+      work = std::move(waiting_.front());
+      waiting_.pop_front();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  std::size_t running_ = 0;                      // guarded by mutex_
+  std::deque<std::function<void()>> waiting_;  // guarded by mutex_
+};
+
+// The HTTP library listens with a backlog of 5, so a burst of connections
+// (thousands of idle ones, say) has the kernel drop handshakes and the
+// clients retry a second later. Listening again on the same socket raises it.
+void widenListenBacklog(int port) {
+  for (int fd = 0; fd < 4096; ++fd) {
+    int listening = 0;
+    socklen_t size = sizeof listening;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || !listening) {
+      continue;
+    }
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) continue;
+    int bound = 0;
+    if (address.ss_family == AF_INET) {
+      bound = ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);
+    } else if (address.ss_family == AF_INET6) {
+      bound = ntohs(reinterpret_cast<sockaddr_in6*>(&address)->sin6_port);
+    }
+    if (bound == port) ::listen(fd, SOMAXCONN);
+  }
 }
 
 bool isPlainSegment(const std::string& segment) {
@@ -74,7 +177,11 @@ bool CollectorServer::bind(std::string* error) {
     return false;
   }
   server_->set_payload_max_length(options_.maxBodyBytes);
-  server_->set_read_timeout(5, 0);
+  // A connection that sends nothing (no handshake, no request) is closed
+  // after two seconds, an idle kept-alive one after two more.
+  server_->set_read_timeout(2, 0);
+  server_->set_keep_alive_timeout(2);
+  server_->new_task_queue = [] { return new ConnectionThreads(); };
   installRoutes();
   if (options_.port == 0) {
     port_ = server_->bind_to_any_port(options_.host);
@@ -82,6 +189,7 @@ bool CollectorServer::bind(std::string* error) {
   } else {
     port_ = server_->bind_to_port(options_.host, options_.port) ? options_.port : 0;
   }
+  if (port_ != 0) widenListenBacklog(port_);
   if (port_ == 0) {
     if (error) {
       *error = "cannot listen on " + options_.host + ":" + std::to_string(options_.port) +
