@@ -11,6 +11,7 @@
 #include <future>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -19,6 +20,7 @@
 #include "command.h"
 #include "encoding/json_text.h"
 #include "telvo/executor.h"
+#include "telvo/log.h"
 #include "telvo/telvo.h"
 #include "telvo/telvo_config.h"
 #include "telvo/telvo_transport.h"
@@ -132,6 +134,21 @@ int runSend(const SendOptions& options) {
     std::cerr << "telvo send: " << e.what() << "\n";
     return kExitUsage;
   }
+  // A configuration document the library refuses, or a hello it cannot
+  // send, is final: the client says why in its log, and the wait ends there.
+  auto refusal = std::make_shared<std::pair<std::mutex, std::string>>();
+  setLogSink([refusal](const std::string& line) {
+    std::cerr << line << "\n";
+    if (line.rfind("Telvo: the configuration document cannot be read", 0) == 0 ||
+        line.rfind("Telvo: hello not sent", 0) == 0) {
+      std::lock_guard<std::mutex> lock(refusal->first);
+      if (refusal->second.empty()) refusal->second = line;
+    }
+  });
+  auto refused = [refusal] {
+    std::lock_guard<std::mutex> lock(refusal->first);
+    return refusal->second;
+  };
   auto client = config ? Telvo::create(config, options.property, options.environment) : nullptr;
   if (!client) {
     std::cerr << "telvo send: the client could not be created\n";
@@ -146,7 +163,12 @@ int runSend(const SendOptions& options) {
     // A configuration that disables reporting is final for the client.
     auto master = client->masterConfig();
     if (master && !master->enabled()) break;
+    if (!refused().empty()) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  if (!client->isInitialized() && !refused().empty()) {
+    std::cerr << "telvo send: not initialised: " << refused() << "\n";
+    return 1;
   }
   if (!client->isInitialized()) {
     std::cerr << "telvo send: not initialised: " << whyNotInitialised(*client, options.timeout)

@@ -41,7 +41,8 @@ class Event {
   const std::shared_ptr<const Json>& sharedSession() const { return _session; }
   void setSharedSession(std::shared_ptr<const Json> session) { _session = std::move(session); }
 
-  // "name: <name>, session: <session>, data: <data>".
+  // "name: <name>, session: <session>, data: <data>"; a text session appears
+  // as it stands, any other as compact JSON, none as "(null)".
   std::string description() const;
 
  private:

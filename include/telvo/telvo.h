@@ -86,8 +86,9 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
   // foreground starts it), sets the start values, stores in config->configURL
   // the location configBaseUrl + appName + "/" + site + "/" + TelvoConfigFile
   // (an absent part reads "(null)"; "http://" becomes "https://"), clears
-  // debug and starts the configuration fetch. Null, with a log line, when
-  // `config` is null. The configuration is kept, not copied: do not change it
+  // debug and starts the configuration fetch. A null `config` gives a client
+  // without configuration: its fetch has no location and fails, so it never
+  // becomes initialised. The configuration is kept, not copied: do not change it
   // afterwards. The client runs on `platform`, its null members filled from
   // the process defaults as they are now.
   static std::shared_ptr<Telvo> create(std::shared_ptr<TelvoConfig> config, std::string property,

@@ -16,7 +16,7 @@ void Telvo::Impl::sendError(Json code, std::optional<Json> details) {
     log("Telvo: error report dropped: its error code is null");
     return;
   }
-  if (debugging()) log("Reporting error: " + encoding::dumpJson(code));
+  if (debugging()) log("Reporting error: " + encoding::describeJson(&code));
   platform.backgroundQueue->post(
       [self = self(), code = std::move(code), details = std::move(details)] {
         try {

@@ -5,7 +5,7 @@
 namespace telvo {
 
 std::string Event::description() const {
-  return "name: " + _name + ", session: " + (_session ? encoding::dumpJson(*_session) : "(null)") +
+  return "name: " + _name + ", session: " + encoding::describeJson(_session.get()) +
          ", data: " + _data;
 }
 

@@ -38,10 +38,8 @@ std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::s
 
 std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::string property,
                                      std::string environment, const Platform& platform) {
-  if (!config) {
-    log("Telvo: cannot create a client without a configuration (config is null)");
-    return nullptr;
-  }
+  // A null configuration gives a client without one: its fetch has no
+  // location and fails, and it never becomes initialised.
   std::shared_ptr<Telvo> client(
       new Telvo(config, std::move(property), std::move(environment), platform));
   Impl& impl = *client->_impl;
@@ -61,7 +59,7 @@ std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::s
                        if (auto self = weak.lock()) self->startTimer(&n);
                      });
 
-  config->setConfigURL(configuration::configurationLocation(*config));
+  if (config) config->setConfigURL(configuration::configurationLocation(*config));
 
   client->setDebug(false);
   impl.timeStampDelta.store(0);

@@ -56,6 +56,12 @@ std::string textOrNull(const std::optional<std::string>& value) {
   return value ? *value : std::string("(null)");
 }
 
+std::string describeJson(const Json* value) {
+  if (!value) return "(null)";
+  if (value->is_string()) return value->get<std::string>();
+  return dumpJson(*value);
+}
+
 std::string jsonOrNull(const std::optional<Json>& value) {
   return value ? dumpJson(*value) : std::string("(null)");
 }

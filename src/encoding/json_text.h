@@ -34,6 +34,10 @@ std::string dumpJson(const Json& value);
 // The value, or "(null)" when absent.
 std::string textOrNull(const std::optional<std::string>& value);
 
+// A value as a log line or description shows it: text as it stands (no
+// quotes, no escapes), anything else as compact JSON, "(null)" when absent.
+std::string describeJson(const Json* value);
+
 // Compact JSON of `value`, or "(null)" when absent.
 std::string jsonOrNull(const std::optional<Json>& value);
 

@@ -47,12 +47,39 @@ TEST(Lifecycle, ConfigurationLocationJoinsPartsAsTheyStand) {
             "https://cdn.example.test/basePlayer/(null)/telvoanalytics.json");
 }
 
-TEST(Lifecycle, NullConfigurationGivesNoClient) {
+TEST(Lifecycle, NullConfigurationGivesAClientWithoutConfiguration) {
   VirtualPlatform platform;
   CapturedLog log;
-  EXPECT_FALSE(Telvo::create(nullptr, "web", "prod", platform.record()));
-  EXPECT_EQ(log.lines().size(), 1u);
-  EXPECT_EQ(platform.transport->count(), 0u);
+  auto client = Telvo::create(nullptr, "web", "prod", platform.record());
+  ASSERT_TRUE(client);  // the initialiser validates nothing
+  EXPECT_FALSE(client->config());
+  EXPECT_TRUE(log.lines().empty());  // debug is off
+  // The fetch goes out without a location and fails; the client stays as made.
+  ASSERT_EQ(platform.transport->count(), 1u);
+  EXPECT_FALSE(platform.transport->at(0).request.url);
+  platform.transport->fail(0);
+  client->sendEvent("play", Json{{"n", 1}});
+  client->sendError("E1");
+  platform.settle();
+  EXPECT_FALSE(client->isInitialized());
+  EXPECT_EQ(platform.transport->count(), 1u);
+}
+
+TEST(Lifecycle, DescriptionsShowTextAsItIs) {
+  Event event;
+  event.setName("play");
+  event.setSession("S-1");
+  event.setData(R"({"n":1})");
+  EXPECT_EQ(event.description(), R"(name: play, session: S-1, data: {"n":1})");
+  event.setSession(Json{{"id", 7}});
+  EXPECT_EQ(event.description(), R"(name: play, session: {"id":7}, data: {"n":1})");
+
+  VirtualPlatform platform;
+  auto client = initializedClient(platform);
+  client->setDebug(true);
+  CapturedLog log;
+  client->sendError("E42");
+  EXPECT_TRUE(log.contains("Reporting error: E42"));
 }
 
 TEST(Lifecycle, HostSlotsAndDelegateAreKeptAsGiven) {

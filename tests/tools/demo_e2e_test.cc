@@ -152,6 +152,7 @@ TEST_F(DemoEndToEndTest, SendSaysWhyTheClientDidNotStart) {
         << Json{{"default", section}}.dump();
   };
   write("off", {{"enabled", false}});
+  write("unreadable", {{"enabled", true}, {"batchModeAmount", Json::object()}});
   start({"--config-dir", configDir});
   // Written after the start, once the port is known: a hello path the
   // collector does not answer with a session.
@@ -168,6 +169,16 @@ TEST_F(DemoEndToEndTest, SendSaysWhyTheClientDidNotStart) {
   auto noSession = send(configBase(), "nohello", {"--event", "x"}, "2");
   EXPECT_EQ(noSession.status, 1);
   EXPECT_NE(noSession.err.find("no session id"), std::string::npos) << noSession.err;
+
+  // Refused at once, and said why, instead of waiting out the time-out.
+  const auto started = std::chrono::steady_clock::now();
+  auto unreadable = send(configBase(), "unreadable", {"--event", "x"}, "20");
+  EXPECT_EQ(unreadable.status, 1);
+  EXPECT_NE(unreadable.err.find("cannot be read: TelvoMasterConfig: \"batchModeAmount\""),
+            std::string::npos)
+      << unreadable.err;
+  EXPECT_EQ(unreadable.err.find("configuration unreachable"), std::string::npos);
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(), 10);
 
   auto unreachable = send("https://127.0.0.1:1/mdrv/telvo/config/", "off", {}, "2");
   EXPECT_EQ(unreachable.status, 1);
