@@ -96,8 +96,7 @@ void ThreadExecutor::Core::run() {
   for (;;) {
     // A due timer fires before the next piece of work, so a queue that never
     // runs dry still flushes on time.
-    auto now = SteadyClock::now();
-    if (!stopping && !timers.empty() && timers.top().due <= now) {
+    if (!stopping && !timers.empty() && timers.top().due <= SteadyClock::now()) {
       TimerEntry entry = timers.top();
       timers.pop();
       lock.unlock();
@@ -110,7 +109,7 @@ void ThreadExecutor::Core::run() {
         // A late worker skips the firings it missed instead of bursting.
         auto step = toDuration(entry.timer->timeInterval());
         auto next = entry.due + step;
-        now = SteadyClock::now();
+        const auto now = SteadyClock::now();
         if (next <= now) next += step * ((now - next) / step + 1);
         timers.push({next, entry.sequence, std::move(entry.timer)});
       }
