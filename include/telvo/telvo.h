@@ -43,13 +43,21 @@
 //   - Event data holding a number JSON cannot represent (NaN, infinity) is
 //     dropped at capture with a log line; nothing is queued for that call.
 //   - A no-data event on a configuration without appName is dropped with a
-//     log line.
+//     log line. A setting that holds a JSON null (TelvoConfig::holdsNull,
+//     TelvoMasterConfig::holdsNull) is present: events, error reports and
+//     the hello carry it as null.
 //   - An error report with a null code, or on a configuration without
 //     appName, is dropped with a log line. Non-finite numbers inside an error
 //     report are sent as null.
 //   - A hello that would carry an absent value (property, appName,
 //     appVersion, platform, vendor identifier, the user-id token when enabled)
 //     is not sent: the client logs why and stays uninitialised.
+//   - A hello answer whose "timestamp" is not a finite number within 2^53 ms
+//     (about 285,000 years) of 1970 - NaN, 1e300, "1e400" - is no time: the
+//     offset stays 0, so events keep the device's clock, and a line is
+//     logged. Stamps are always whole numbers in the 64-bit range.
+//   - Answers and documents nested more than 128 arrays and objects deep
+//     count as answers that do not parse.
 //   - A stored service cookie that cannot be rebuilt is skipped: the hello goes
 //     out without it, with its content headers, and a log line.
 //   - A configuration document that cannot be read (UsageError from

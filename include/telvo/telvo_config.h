@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -49,7 +50,8 @@ class TelvoConfig {
   // value for \"<key>\"" to the log, whatever any debug setting, and gives
   // nothing; only the first missing key (in the order platform, site,
   // appVersion, appName) is reported. A JSON null for a text setting counts
-  // as present and is stored as unset. Throws UsageError, naming the key, for
+  // as present and is stored as it is (see holdsNull). Throws UsageError,
+  // naming the key, for
   // a value that is neither text nor null (and for a null
   // "highPriorityEvents"), and for settings that are neither an object nor
   // null; null settings read as an empty object.
@@ -57,26 +59,52 @@ class TelvoConfig {
 
   // "TelvoConfig: <address>\nSite: ...\nConfig Base URL: ...\nApp Name: ...\n
   // App Version: ...\nPlatform: ...\nPlatform Version:..." with "(null)" for
-  // unset values.
+  // unset values and "<null>" for settings that hold a JSON null.
   std::string description() const;
 
   // The six identity fields (site, configBaseUrl, appName, appVersion,
-  // platform, platformVersion) as one line of compact JSON; nothing when a
-  // value is not valid UTF-8. Throws UsageError when one of them is unset.
+  // platform, platformVersion) as one line of compact JSON (a setting that
+  // holds a JSON null is written as null); nothing when a value is not valid
+  // UTF-8. Throws UsageError when one of them is unset.
   std::optional<std::string> JSONString() const;
 
   const std::optional<std::string>& site() const { return _site; }
-  void setSite(std::optional<std::string> value) { _site = std::move(value); }
+  void setSite(std::optional<std::string> value) {
+    _site = std::move(value);
+    _nullSettings.erase("site");
+  }
   const std::optional<std::string>& configBaseUrl() const { return _configBaseUrl; }
-  void setConfigBaseUrl(std::optional<std::string> value) { _configBaseUrl = std::move(value); }
+  void setConfigBaseUrl(std::optional<std::string> value) {
+    _configBaseUrl = std::move(value);
+    _nullSettings.erase("configBaseUrl");
+  }
   const std::optional<std::string>& appName() const { return _appName; }
-  void setAppName(std::optional<std::string> value) { _appName = std::move(value); }
+  void setAppName(std::optional<std::string> value) {
+    _appName = std::move(value);
+    _nullSettings.erase("appName");
+  }
   const std::optional<std::string>& appVersion() const { return _appVersion; }
-  void setAppVersion(std::optional<std::string> value) { _appVersion = std::move(value); }
+  void setAppVersion(std::optional<std::string> value) {
+    _appVersion = std::move(value);
+    _nullSettings.erase("appVersion");
+  }
   const std::optional<std::string>& platform() const { return _platform; }
-  void setPlatform(std::optional<std::string> value) { _platform = std::move(value); }
+  void setPlatform(std::optional<std::string> value) {
+    _platform = std::move(value);
+    _nullSettings.erase("platform");
+  }
   const std::optional<std::string>& platformVersion() const { return _platformVersion; }
-  void setPlatformVersion(std::optional<std::string> value) { _platformVersion = std::move(value); }
+  void setPlatformVersion(std::optional<std::string> value) {
+    _platformVersion = std::move(value);
+    _nullSettings.erase("platformVersion");
+  }
+  // True when the setting `property` ("site", "appName"...) holds a JSON
+  // null: the settings gave null for it. Its getter reads as unset, but the
+  // value counts as present: the hello and the events carry it as null, and
+  // the location and description show "<null>". Setting the property clears
+  // the mark.
+  bool holdsNull(const std::string& property) const { return _nullSettings.count(property) > 0; }
+
   bool batchDisabled() const { return _batchDisabled; }
   void setBatchDisabled(bool value) { _batchDisabled = value; }
   const std::optional<URL>& configURL() const { return _configURL; }
@@ -98,6 +126,7 @@ class TelvoConfig {
   bool _batchDisabled = false;
   std::optional<URL> _configURL;
   std::optional<std::vector<std::string>> _highPriorityEvents;
+  std::set<std::string> _nullSettings;  // text settings that hold a JSON null
 };
 
 }  // namespace telvo

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -32,7 +33,8 @@ class TelvoMasterConfig {
   // t or a digit 1-9). In "default", "batchMode" is text ("timer" exactly
   // selects 0) and "telvoUserIdEnabled" is text (false when it contains
   // "false" in any case); in an environment section both are plain integer
-  // and truth values. A JSON null for a text setting is stored as unset.
+  // and truth values. A JSON null for a text setting is stored as it is
+  // (holdsNull).
   //
   // Nothing, or a document that is not an object, reads as an empty document
   // and skips the overlay. Throws UsageError (naming the key and the section)
@@ -66,6 +68,9 @@ class TelvoMasterConfig {
     std::int64_t adProgressInterval = 0;
     bool telvoUserIdEnabled = false;
     std::optional<std::string> telvoUserIdHash;
+    // The text properties the document set to JSON null ("telvoUserIdHash"...):
+    // unset text, but present (see holdsNull).
+    std::set<std::string> nullTexts;
   };
 
   explicit TelvoMasterConfig(Settings settings) : _settings(std::move(settings)) {}
@@ -74,6 +79,12 @@ class TelvoMasterConfig {
   std::string description() const;
 
   const Settings& settings() const { return _settings; }
+  // True when the text property `property` holds a JSON null: its getter
+  // reads as unset, but the value is present (a null telvoUserIdHash is sent
+  // as "telvoUUIDToken": null) and the description shows "<null>".
+  bool holdsNull(const std::string& property) const {
+    return _settings.nullTexts.count(property) > 0;
+  }
   std::int32_t batchMode() const { return _settings.batchMode; }
   std::int64_t batchAmount() const { return _settings.batchAmount; }
   const std::optional<std::string>& servicesUrl() const { return _settings.servicesUrl; }

@@ -12,10 +12,25 @@ namespace configuration {
 
 using encoding::textOrNull;
 
+namespace {
+
+// A setting as text in a location: "<null>" when it holds a JSON null.
+std::string shown(const TelvoConfig& config, const char* property,
+                  const std::optional<std::string>& value) {
+  return config.holdsNull(property) ? "<null>" : textOrNull(value);
+}
+
+// A present setting as a hello member: its text, or JSON null.
+Json member(const std::optional<std::string>& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
+
+}  // namespace
+
 std::optional<URL> configurationLocation(const TelvoConfig& config) {
-  return URLWithURLStringConversion(textOrNull(config.configBaseUrl()) +
-                                    textOrNull(config.appName()) + "/" +
-                                    textOrNull(config.site()) + "/" + TelvoConfigFile);
+  return URLWithURLStringConversion(shown(config, "configBaseUrl", config.configBaseUrl()) +
+                                    shown(config, "appName", config.appName()) + "/" +
+                                    shown(config, "site", config.site()) + "/" + TelvoConfigFile);
 }
 
 URLRequest configurationRequest(std::optional<URL> location) {
@@ -28,30 +43,35 @@ HelloRequest makeHelloRequest(const std::string& property, const TelvoConfig& co
   HelloRequest hello;
   // Every hello value is text the service needs; an absent one would make a
   // payload the service cannot use.
-  if (!config.appName())
+  // A setting that holds a JSON null is present: it goes out as null.
+  auto absent = [&config](const char* property, const std::optional<std::string>& value) {
+    return !value && !config.holdsNull(property);
+  };
+  if (absent("appName", config.appName()))
     hello.missing = "appName";
-  else if (!config.appVersion())
+  else if (absent("appVersion", config.appVersion()))
     hello.missing = "appVersion";
-  else if (!config.platform())
+  else if (absent("platform", config.platform()))
     hello.missing = "platform";
   else if (device.identifierForVendor.empty())
     hello.missing = "the device's vendor identifier";
-  else if (master.telvoUserIdEnabled() && !master.telvoUserIdHash())
+  else if (master.telvoUserIdEnabled() && !master.telvoUserIdHash() &&
+           !master.holdsNull("telvoUserIdHash"))
     hello.missing = "telvoUserIdHash";
   if (!hello.missing.empty()) return hello;
 
   Json payload = Json::object();
   payload["propertyName"] = property;
-  payload["applicationName"] = *config.appName();
-  payload["applicationVersion"] = *config.appVersion();
-  payload["platformName"] = *config.platform();
+  payload["applicationName"] = member(config.appName());
+  payload["applicationVersion"] = member(config.appVersion());
+  payload["platformName"] = member(config.platform());
   // A fixed device class, whatever the device is: the service expects it.
   payload["deviceType"] = "settop";
   // The hardware model code goes in "deviceVersion", the model name in "deviceModel".
   payload["deviceVersion"] = device.machine;
   payload["clientDeviceId"] = device.identifierForVendor;
   payload["deviceModel"] = device.model;
-  if (master.telvoUserIdEnabled()) payload["telvoUUIDToken"] = *master.telvoUserIdHash();
+  if (master.telvoUserIdEnabled()) payload["telvoUUIDToken"] = member(master.telvoUserIdHash());
   hello.payload = encoding::dumpJson(payload);
 
   URLRequest request = encoding::envelopeRequest(

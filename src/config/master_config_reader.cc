@@ -103,6 +103,15 @@ std::optional<std::string> readText(const Json& value, const Origin& origin) {
   failType(origin, value, "text");
 }
 
+// A JSON null for a text setting is stored as it is: unset text, marked.
+void markNull(TelvoMasterConfig::Settings& config, const std::string& property, const Json& value) {
+  if (value.is_null()) {
+    config.nullTexts.insert(property);
+  } else {
+    config.nullTexts.erase(property);
+  }
+}
+
 const std::string& requireText(const Json& value, const Origin& origin) {
   if (!value.is_string()) failType(origin, value, "text");
   return value.get_ref<const std::string&>();
@@ -166,7 +175,10 @@ void MasterConfigReader::readDefaultSection(TelvoMasterConfig::Settings& config,
     each(key, [&](const Json& v, const Origin& o) { field = readInteger(v, o); });
   };
   auto text = [&](const char* key, std::optional<std::string>& field) {
-    each(key, [&](const Json& v, const Origin& o) { field = readText(v, o); });
+    each(key, [&](const Json& v, const Origin& o) {
+      field = readText(v, o);
+      markNull(config, key, v);
+    });
   };
 
   // Only the exact word selects timer batching; anything else, or nothing, counts.
@@ -199,6 +211,7 @@ void MasterConfigReader::readDefaultSection(TelvoMasterConfig::Settings& config,
   bool hashGiven = false;
   each("telvoUserIdHash", [&](const Json& v, const Origin& o) {
     config.telvoUserIdHash = readText(v, o);
+    markNull(config, "telvoUserIdHash", v);
     hashGiven = true;
   });
   if (config.telvoUserIdEnabled && !hashGiven) config.telvoUserIdHash = kDefaultUserIdHash;
@@ -242,7 +255,10 @@ void MasterConfigReader::setValueForKey(TelvoMasterConfig::Settings& config, con
             [&](std::int32_t C::*field) { config.*field = readInt32(value, origin); },
             [&](std::int64_t C::*field) { config.*field = readInteger(value, origin); },
             [&](bool C::*field) { config.*field = readTruth(value, origin); },
-            [&](std::optional<std::string> C::*field) { config.*field = readText(value, origin); },
+            [&](std::optional<std::string> C::*field) {
+              config.*field = readText(value, origin);
+              markNull(config, name, value);
+            },
         },
         property.store);
     return;

@@ -27,8 +27,8 @@ const Json* lookup(const Json& dictionary, const char* key) {
   return it == dictionary.end() ? nullptr : &*it;
 }
 
-// Text settings: a null placeholder is present but holds no text, so it is
-// stored as unset; anything other than text or null is the host's mistake.
+// Text settings: a null placeholder is present but holds no text (the
+// caller marks it); anything other than text or null is the host's mistake.
 std::optional<std::string> textValue(const Json& value, const char* key) {
   if (value.is_string()) return value.get<std::string>();
   if (value.is_null()) return std::nullopt;
@@ -51,6 +51,12 @@ std::vector<std::string> splitEventNames(std::string text) {
 }
 
 std::string orNull(const std::optional<std::string>& value) { return encoding::textOrNull(value); }
+
+// A JSON null shows as "<null>", an unset value as "(null)".
+std::string shown(const TelvoConfig& config, const char* property,
+                  const std::optional<std::string>& value) {
+  return config.holdsNull(property) ? "<null>" : orNull(value);
+}
 
 }  // namespace
 
@@ -82,6 +88,7 @@ std::shared_ptr<TelvoConfig> TelvoConfig::telvoConfigWithDictionary(const Json& 
   const Json* platform = lookup(dictionary, "platform");
   if (!platform) return missing("platform");
   config->_platform = textValue(*platform, "platform");
+  if (platform->is_null()) config->_nullSettings.insert("platform");
   // The version always comes from the running system, never from the host's
   // settings: a stale "platformVersion" entry must not be reported.
   if (auto device = Device::currentDevice()) config->_platformVersion = device->systemVersion();
@@ -89,17 +96,21 @@ std::shared_ptr<TelvoConfig> TelvoConfig::telvoConfigWithDictionary(const Json& 
   const Json* site = lookup(dictionary, "site");
   if (!site) return missing("site");
   config->_site = textValue(*site, "site");
+  if (site->is_null()) config->_nullSettings.insert("site");
 
   const Json* appVersion = lookup(dictionary, "appVersion");
   if (!appVersion) return missing("appVersion");
   config->_appVersion = textValue(*appVersion, "appVersion");
+  if (appVersion->is_null()) config->_nullSettings.insert("appVersion");
 
   const Json* appName = lookup(dictionary, "appName");
   if (!appName) return missing("appName");
   config->_appName = textValue(*appName, "appName");
+  if (appName->is_null()) config->_nullSettings.insert("appName");
 
   if (const Json* base = lookup(dictionary, "configBaseUrl")) {
     config->_configBaseUrl = textValue(*base, "configBaseUrl");
+    if (base->is_null()) config->_nullSettings.insert("configBaseUrl");
   } else {
     config->_configBaseUrl = TelvoConfigBaseURL;
   }
@@ -118,10 +129,12 @@ std::shared_ptr<TelvoConfig> TelvoConfig::telvoConfigWithDictionary(const Json& 
 std::string TelvoConfig::description() const {
   char identity[32];
   std::snprintf(identity, sizeof identity, "%p", static_cast<const void*>(this));
-  return std::string("TelvoConfig: ") + identity + "\nSite: " + orNull(_site) +
-         "\nConfig Base URL: " + orNull(_configBaseUrl) + "\nApp Name: " + orNull(_appName) +
-         "\nApp Version: " + orNull(_appVersion) + "\nPlatform: " + orNull(_platform) +
-         "\nPlatform Version:" + orNull(_platformVersion);
+  return std::string("TelvoConfig: ") + identity + "\nSite: " + shown(*this, "site", _site) +
+         "\nConfig Base URL: " + shown(*this, "configBaseUrl", _configBaseUrl) +
+         "\nApp Name: " + shown(*this, "appName", _appName) +
+         "\nApp Version: " + shown(*this, "appVersion", _appVersion) +
+         "\nPlatform: " + shown(*this, "platform", _platform) +
+         "\nPlatform Version:" + shown(*this, "platformVersion", _platformVersion);
 }
 
 std::optional<std::string> TelvoConfig::JSONString() const {
@@ -133,6 +146,10 @@ std::optional<std::string> TelvoConfig::JSONString() const {
       {"platform", &_platform}, {"platformVersion", &_platformVersion},
   };
   for (const auto& [key, value] : fields) {
+    if (!*value && holdsNull(key)) {
+      identity[key] = nullptr;
+      continue;
+    }
     if (!*value) {
       throw UsageError(std::string("TelvoConfig::JSONString: \"") + key + "\" is unset");
     }

@@ -78,14 +78,18 @@ void Telvo::Impl::captureEvent(PendingEvent& event, const Snapshot& current) {
       return;
     }
   } else {
-    if (!current.config || !current.config->appName()) {
+    const TelvoConfig* config = current.config.get();
+    if (config && config->appName()) {
+      text += "{\"applicationName\":";
+      encoding::appendJsonString(text, *config->appName());
+      text += '}';
+    } else if (config && config->holdsNull("appName")) {
+      text += "{\"applicationName\":null}";
+    } else {
       log("Telvo: dropped event \"" + event.name +
           "\": it has no data and the configuration has no appName");
       return;
     }
-    text += "{\"applicationName\":";
-    encoding::appendJsonString(text, *current.config->appName());
-    text += '}';
   }
   auto record = delivery::QueuedEvent::make(event.name, text, /*dataIsCompactJson=*/true, stamp,
                                             current.session);

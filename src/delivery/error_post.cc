@@ -6,7 +6,7 @@
 namespace telvo {
 namespace delivery {
 
-std::string ErrorPost::write(const Json& sessionId, const std::string& applicationName,
+std::string ErrorPost::write(const Json& sessionId, const Json& applicationName,
                              std::int64_t timestamp, const Json& code,
                              const std::optional<Json>& details) {
   Json data = Json::object();

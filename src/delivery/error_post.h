@@ -17,7 +17,7 @@ struct ErrorPost {
   // {"sessionId": sessionId, "data": {"applicationName", "timestamp",
   // "errorCode": code} plus every member of `details`, which win}. Invalid
   // UTF-8 becomes U+FFFD and non-finite numbers null.
-  static std::string write(const Json& sessionId, const std::string& applicationName,
+  static std::string write(const Json& sessionId, const Json& applicationName,
                            std::int64_t timestamp, const Json& code,
                            const std::optional<Json>& details);
 

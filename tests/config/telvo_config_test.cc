@@ -79,6 +79,16 @@ TEST_F(TelvoConfigTest, EmptyAndNullValuesArePresent) {
   EXPECT_EQ(config->site(), "");
   EXPECT_FALSE(config->appName().has_value());
   EXPECT_FALSE(config->configBaseUrl().has_value());  // present, so no default base
+  // Stored as the settings gave them: JSON null, shown as <null>.
+  EXPECT_TRUE(config->holdsNull("appName"));
+  EXPECT_TRUE(config->holdsNull("configBaseUrl"));
+  EXPECT_FALSE(config->holdsNull("site"));
+  EXPECT_NE(config->description().find("\nConfig Base URL: <null>\nApp Name: <null>\n"),
+            std::string::npos)
+      << config->description();
+  EXPECT_EQ(Json::parse(*config->JSONString())["appName"], nullptr);
+  config->setAppName("Player");  // a value replaces the null
+  EXPECT_FALSE(config->holdsNull("appName"));
 
   const std::string saved = TelvoConfigBaseURL;
   TelvoConfigBaseURL = "https://mirror.test/mdrv/telvo/config/";

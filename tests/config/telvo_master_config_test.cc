@@ -99,8 +99,18 @@ TEST(MasterConfigDocument, UserIdentifierSwitchAndToken) {
   auto disabledWithHash =
       read(Json{{"default", {{"telvoUserIdEnabled", "false"}, {"telvoUserIdHash", "mine"}}}});
   EXPECT_EQ(disabledWithHash->telvoUserIdHash(), "mine");
-  // A null hash is given (as unset), so the built-in token does not replace it.
-  EXPECT_FALSE(readDefault("telvoUserIdHash", nullptr)->telvoUserIdHash().has_value());
+  // A null hash is given and stored as it is, so the built-in token does not
+  // replace it.
+  auto nullHash = readDefault("telvoUserIdHash", nullptr);
+  EXPECT_FALSE(nullHash->telvoUserIdHash().has_value());
+  EXPECT_TRUE(nullHash->holdsNull("telvoUserIdHash"));
+  EXPECT_NE(nullHash->description().find("\nUser ID Hash: <null>\n"), std::string::npos);
+  auto overlaid = read(Json{{"default", {{"telvoUserIdHash", nullptr}}},
+                            {"qa", {{"telvoUserIdHash", "set"}, {"batchApi", nullptr}}}},
+                       std::string("qa"));
+  EXPECT_FALSE(overlaid->holdsNull("telvoUserIdHash"));
+  EXPECT_EQ(overlaid->telvoUserIdHash(), "set");
+  EXPECT_TRUE(overlaid->holdsNull("batchApi"));
 }
 
 // Integers read alike from "default" (document keys) and an environment (property names).

@@ -132,5 +132,39 @@ TEST(HostileAnswers, AStoredCookieWithoutAUsablePathIsSkipped) {
   }
 }
 
+TEST(NullSettings, ANullTextSettingGoesOutAsNull) {
+  VirtualPlatform platform;
+  auto config = TelvoConfig::telvoConfigWithDictionary(
+      {{"platform", "linux"}, {"site", "den"}, {"appVersion", "2.1"}, {"appName", nullptr},
+       {"configBaseUrl", "https://cdn.example.test/config/"}});
+  ASSERT_TRUE(config);
+  EXPECT_EQ(config->configURL(), std::nullopt);
+  auto client = initializedClient(
+      platform, configDocument({{"telvoUserIdEnabled", "true"}, {"telvoUserIdHash", nullptr}}),
+      {{"sessionId", "S"}, {"timestamp", 1700000000000.0}}, config);
+  // The location carries the null as the platform prints it.
+  EXPECT_EQ(platform.transport->at(0).request.url->absoluteString(),
+            "https://cdn.example.test/config/<null>/den/telvoanalytics.json");
+  ASSERT_TRUE(client->isInitialized());
+  const Json hello = RecordingTransport::decodedBody(platform.transport->at(1).request);
+  EXPECT_EQ(hello["applicationName"], nullptr);
+  EXPECT_EQ(hello["telvoUUIDToken"], nullptr);
+  EXPECT_EQ(hello.size(), 9u);
+
+  client->sendEvent("bare");
+  client->sendError("E1");
+  client->dumpEvents();
+  platform.settle();
+  for (const auto& post : platform.transport->withContext(kPostContext)) {
+    const Json body = RecordingTransport::decodedBody(post.request);
+    if (body.contains("events")) {
+      EXPECT_EQ(body["events"][0]["eventData"], (Json{{"applicationName", nullptr}}));
+    } else {
+      EXPECT_EQ(body["data"]["applicationName"], nullptr);
+    }
+  }
+  EXPECT_EQ(platform.transport->withContext(kPostContext).size(), 2u);
+}
+
 }  // namespace
 }  // namespace telvo
