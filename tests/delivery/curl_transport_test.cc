@@ -339,6 +339,31 @@ TEST_F(TransportHttpsTest, ReleaseGivesUpOnACompletionThatDoesNotReturn) {
   EXPECT_EQ(log.lines().size(), 1u);  // the thread is left to finish on its own
 }
 
+// A host store that fails when the service's cookie is kept.
+class FailingStore : public MemoryUserDefaults {
+ public:
+  void setObject(const Json&, const std::string&) override { throw std::runtime_error("disk full"); }
+};
+
+class FailingStoreDelegate : public TestTransportDelegate {
+ public:
+  FailingStoreDelegate() : TestTransportDelegate(true) {}
+  std::shared_ptr<UserDefaults> cookieStore() const override { return store; }
+  std::shared_ptr<FailingStore> store = std::make_shared<FailingStore>();
+};
+
+TEST_F(TransportHttpsTest, AnExceptionInACompletionEndsOnlyThatCompletion) {
+  CapturedLog log;
+  auto failing = std::make_shared<FailingStoreDelegate>();
+  transport_->sendRequest(request("/cookies"), 3, failing);
+  ASSERT_TRUE(transport_->waitUntilIdle(kWait));
+  EXPECT_EQ(log.lines().size(), 1u);
+  // The thread goes on: the next request completes as usual.
+  auto next = exchange(request("/plain"), true);
+  ASSERT_EQ(next->results().size(), 1u);
+  EXPECT_EQ(*next->results()[0].result, (Json{{"a", 1}}));
+}
+
 TEST_F(TransportHttpsTest, ARequestAfterShutdownStillGetsItsOutcome) {
   auto curl = std::dynamic_pointer_cast<CurlTransport>(transport_);
   ASSERT_TRUE(curl);
