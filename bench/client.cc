@@ -71,7 +71,7 @@ class BenchTransport : public TelvoTransport {
   void sendRequest(URLRequest request, std::int32_t context,
                    std::shared_ptr<TelvoTransportDelegate> delegate) override {
     Json answer = Json::object();
-    if (context == 0) {
+    if (context == kConfigurationContext) {
       // Count batching with an amount never reached: only explicit flushes.
       answer = {{"default",
                  {{"enabled", true},
@@ -80,7 +80,7 @@ class BenchTransport : public TelvoTransport {
                   {"servicesUrl", "https://svc.test"},
                   {"helloApi", "/hello"},
                   {"batchApi", "/batch"}}}};
-    } else if (context == 2) {
+    } else if (context == kHelloContext) {
       answer = {{"sessionId", "0f8fad5b-d9cb-469f-a165-70867728950e"}, {"timestamp", 1.7e12}};
     } else {
       onPost_(request, context);
