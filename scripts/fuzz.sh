@@ -7,6 +7,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
+# ccache (when installed) serves any checkout of the tree, wherever it lies.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
 
 seconds="${1:-30}"
 shift || true

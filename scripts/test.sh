@@ -6,6 +6,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
+# ccache (when installed) serves any checkout of the tree, wherever it lies.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
 
 sanitize="${TELVO_SANITIZE:-}"
 build="${TELVO_BUILD_DIR:-build${sanitize:+-$sanitize}}"
