@@ -123,6 +123,8 @@ class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
   // set) where the request cannot be sent.
   bool prepare(Transfer& transfer);
   void deliver(std::vector<TransferPtr>& finished);
+  // Runs the transfer's completion; what it throws is logged and dropped.
+  static void complete(Transfer& transfer);
   void release(Transfer& transfer);
   bool onEngineThread() const { return std::this_thread::get_id() == threadId_.load(); }
 
@@ -225,13 +227,7 @@ void CurlClient::Engine::send(URLRequest request, HTTPHeaderFields extraFields, 
       " cancelled");
   transfer->response.error =
       transferError(CURLE_ABORTED_BY_CALLBACK, "cancelled: the transport has shut down");
-  try {
-    transfer->done(transfer->request, transfer->response);
-  } catch (const std::exception& e) {
-    log(std::string("telvo: a transport completion threw: ") + e.what());
-  } catch (...) {
-    log("telvo: a transport completion threw an unknown exception");
-  }
+  complete(*transfer);
 }
 
 bool CurlClient::Engine::waitUntilIdle(double timeout) {
@@ -559,6 +555,16 @@ size_t CurlClient::Engine::onBody(char* data, size_t size, size_t count, void* u
   return length;
 }
 
+void CurlClient::Engine::complete(Transfer& transfer) {
+  try {
+    transfer.done(transfer.request, transfer.response);
+  } catch (const std::exception& e) {
+    log(std::string("telvo: a transport completion threw: ") + e.what());
+  } catch (...) {
+    log("telvo: a transport completion threw an unknown exception");
+  }
+}
+
 void CurlClient::Engine::deliver(std::vector<TransferPtr>& finished) {
   for (auto& transfer : finished) {
     if (transfer->easy && !transfer->response.error) {
@@ -568,13 +574,7 @@ void CurlClient::Engine::deliver(std::vector<TransferPtr>& finished) {
       }
     }
     release(*transfer);
-    try {
-      transfer->done(transfer->request, transfer->response);
-    } catch (const std::exception& e) {
-      log(std::string("telvo: a transport completion threw: ") + e.what());
-    } catch (...) {
-      log("telvo: a transport completion threw an unknown exception");
-    }
+    complete(*transfer);
     // What the completion holds (the delegate) goes with the transfer, before
     // the request counts as done.
     transfer.reset();

@@ -19,6 +19,7 @@
 #include "delivery/transport_test_delegate.h"
 #include "support/captured_log.h"
 #include "support/https_test_server.h"
+#include "support/scripted_server.h"
 #include "telvo/http_cookie.h"
 #include "telvo/log.h"
 #include "telvo/telvo_transport.h"
@@ -33,18 +34,7 @@ using Seconds = std::chrono::duration<double>;
 
 constexpr double kWait = 20;  // upper bound for anything a test waits on
 
-// A port on 127.0.0.1 that nothing listens on.
-int closedPort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
+using test::closedPort;
 
 class TransportHttpsTest : public ::testing::Test {
  protected:

@@ -4,9 +4,6 @@
 // it, and that it came within the request's time-out, without a crash and
 // with memory bounded.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <chrono>
@@ -91,15 +88,7 @@ class FaultMatrix : public ::testing::Test {
 };
 
 TEST_F(FaultMatrix, ConnectionRefusedIsATransferError) {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  auto outcome = exchange("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/");
+  auto outcome = exchange("http://127.0.0.1:" + std::to_string(test::closedPort()) + "/");
   expectFailure(outcome, "telvo.transport", 7);  // CURLE_COULDNT_CONNECT
   EXPECT_LT(outcome.seconds, 2.0);
 }

@@ -53,6 +53,18 @@ void readRequestFrom(int fd) {
 
 }  // namespace
 
+int closedPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
 std::string ScriptedServer::response(int status, const std::string& body,
                                      const std::vector<std::string>& fields) {
   std::string text = "HTTP/1.1 " + std::to_string(status) + " X\r\n";

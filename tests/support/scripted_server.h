@@ -17,6 +17,9 @@
 
 namespace telvo::test {
 
+// A port on 127.0.0.1 that nothing listens on (a connection is refused).
+int closedPort();
+
 class ScriptedServer {
  public:
   struct Step {
