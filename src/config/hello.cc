@@ -14,12 +14,6 @@ using encoding::textOrNull;
 
 namespace {
 
-// A setting as text in a location: "<null>" when it holds a JSON null.
-std::string shown(const TelvoConfig& config, const char* property,
-                  const std::optional<std::string>& value) {
-  return config.holdsNull(property) ? "<null>" : textOrNull(value);
-}
-
 // A present setting as a hello member: its text, or JSON null.
 Json member(const std::optional<std::string>& value) {
   return value ? Json(*value) : Json(nullptr);
@@ -28,9 +22,10 @@ Json member(const std::optional<std::string>& value) {
 }  // namespace
 
 std::optional<URL> configurationLocation(const TelvoConfig& config) {
-  return URLWithURLStringConversion(shown(config, "configBaseUrl", config.configBaseUrl()) +
-                                    shown(config, "appName", config.appName()) + "/" +
-                                    shown(config, "site", config.site()) + "/" + TelvoConfigFile);
+  return URLWithURLStringConversion(
+      textOrNull(config.configBaseUrl(), config.holdsNull("configBaseUrl")) +
+      textOrNull(config.appName(), config.holdsNull("appName")) + "/" +
+      textOrNull(config.site(), config.holdsNull("site")) + "/" + TelvoConfigFile);
 }
 
 URLRequest configurationRequest(std::optional<URL> location) {

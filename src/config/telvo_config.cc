@@ -50,12 +50,10 @@ std::vector<std::string> splitEventNames(std::string text) {
   return names;
 }
 
-std::string orNull(const std::optional<std::string>& value) { return encoding::textOrNull(value); }
-
 // A JSON null shows as "<null>", an unset value as "(null)".
 std::string shown(const TelvoConfig& config, const char* property,
                   const std::optional<std::string>& value) {
-  return config.holdsNull(property) ? "<null>" : orNull(value);
+  return encoding::textOrNull(value, config.holdsNull(property));
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ std::shared_ptr<TelvoMasterConfig> TelvoMasterConfig::configFromDictionary(
 
 std::string TelvoMasterConfig::description() const {
   auto text = [this](const char* property, const std::optional<std::string>& value) {
-    return holdsNull(property) ? std::string("<null>") : encoding::textOrNull(value);
+    return encoding::textOrNull(value, holdsNull(property));
   };
   const Settings& s = _settings;
   auto number = [](std::int64_t value) { return std::to_string(value); };

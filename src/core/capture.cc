@@ -78,13 +78,10 @@ void Telvo::Impl::captureEvent(PendingEvent& event, const Snapshot& current) {
       return;
     }
   } else {
-    const TelvoConfig* config = current.config.get();
-    if (config && config->appName()) {
+    if (const auto appName = applicationName(current.config.get())) {
       text += "{\"applicationName\":";
-      encoding::appendJsonString(text, *config->appName());
+      encoding::appendJson(text, *appName);
       text += '}';
-    } else if (config && config->holdsNull("appName")) {
-      text += "{\"applicationName\":null}";
     } else {
       log("Telvo: dropped event \"" + event.name +
           "\": it has no data and the configuration has no appName");

@@ -29,15 +29,13 @@ void Telvo::Impl::sendError(Json code, std::optional<Json> details) {
 
 void Telvo::Impl::postErrorReport(const Json& code, const std::optional<Json>& details) {
   const Snapshot current = snapshot();
-  const TelvoConfig* config = current.config.get();
-  if (!config || (!config->appName() && !config->holdsNull("appName"))) {
+  const auto appName = applicationName(current.config.get());
+  if (!appName) {
     log("Telvo: error report dropped: the configuration has no appName");
     return;
   }
-  // An appName that holds a JSON null goes out as null.
-  const Json appName = config->appName() ? Json(*config->appName()) : Json(nullptr);
   const std::string json =
-      delivery::ErrorPost::write(*current.session, appName,
+      delivery::ErrorPost::write(*current.session, *appName,
                                  wholeMilliseconds(serviceMilliseconds()), code,
                                  details);
   if (debugging()) log("Payload: " + json);

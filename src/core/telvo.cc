@@ -211,6 +211,13 @@ double Telvo::Impl::serviceMilliseconds() const {
          timeStampDelta.load(std::memory_order_relaxed);
 }
 
+std::optional<Json> Telvo::Impl::applicationName(const TelvoConfig* config) {
+  if (!config) return std::nullopt;
+  if (config->appName()) return Json(*config->appName());
+  if (config->holdsNull("appName")) return Json(nullptr);
+  return std::nullopt;
+}
+
 std::int64_t Telvo::Impl::wholeMilliseconds(double milliseconds) {
   // 2^63 is exact as a double; anything at or beyond it does not convert.
   constexpr double kLimit = 9223372036854775808.0;

@@ -56,6 +56,9 @@ struct Telvo::Impl {
   Snapshot snapshot() const;
   // round(now * 1000) - timeStampDelta, on the service's clock.
   double serviceMilliseconds() const;
+  // The configuration's appName as events and error reports carry it: its
+  // text, null when it holds a JSON null, nothing when it is unset.
+  static std::optional<Json> applicationName(const TelvoConfig* config);
   // A service time as the whole number events and errors carry, saturated to
   // the 64-bit range (0 for NaN): never a wrapped or undefined conversion.
   static std::int64_t wholeMilliseconds(double milliseconds);

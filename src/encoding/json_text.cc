@@ -62,6 +62,10 @@ std::string describeJson(const Json* value) {
   return dumpJson(*value);
 }
 
+std::string textOrNull(const std::optional<std::string>& value, bool holdsNull) {
+  return holdsNull ? std::string("<null>") : textOrNull(value);
+}
+
 std::string jsonOrNull(const std::optional<Json>& value) {
   return value ? dumpJson(*value) : std::string("(null)");
 }

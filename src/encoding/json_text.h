@@ -33,6 +33,8 @@ std::string dumpJson(const Json& value);
 
 // The value, or "(null)" when absent.
 std::string textOrNull(const std::optional<std::string>& value);
+// The same for a setting that may hold a JSON null, which shows as "<null>".
+std::string textOrNull(const std::optional<std::string>& value, bool holdsNull);
 
 // A value as a log line or description shows it: text as it stands (no
 // quotes, no escapes), anything else as compact JSON, "(null)" when absent.

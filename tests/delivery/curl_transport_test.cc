@@ -335,16 +335,10 @@ class FailingStore : public MemoryUserDefaults {
   void setObject(const Json&, const std::string&) override { throw std::runtime_error("disk full"); }
 };
 
-class FailingStoreDelegate : public TestTransportDelegate {
- public:
-  FailingStoreDelegate() : TestTransportDelegate(true) {}
-  std::shared_ptr<UserDefaults> cookieStore() const override { return store; }
-  std::shared_ptr<FailingStore> store = std::make_shared<FailingStore>();
-};
-
 TEST_F(TransportHttpsTest, AnExceptionInACompletionEndsOnlyThatCompletion) {
   CapturedLog log;
-  auto failing = std::make_shared<FailingStoreDelegate>();
+  auto failing = std::make_shared<TestTransportDelegate>(true);
+  failing->store = std::make_shared<FailingStore>();
   transport_->sendRequest(request("/cookies"), 3, failing);
   ASSERT_TRUE(transport_->waitUntilIdle(kWait));
   EXPECT_EQ(log.lines().size(), 1u);

@@ -182,15 +182,9 @@ TEST_F(ResponseReaderTest, RequestWithoutDelegateStillKeepsTheCookie) {
 }
 
 // A delegate that names its own store gets the cookie there.
-class StoreNamingDelegate : public TestTransportDelegate {
- public:
-  StoreNamingDelegate() : TestTransportDelegate(false) {}
-  std::shared_ptr<UserDefaults> cookieStore() const override { return store; }
-  std::shared_ptr<MemoryUserDefaults> store = std::make_shared<MemoryUserDefaults>();
-};
-
 TEST_F(ResponseReaderTest, TheCookieGoesWhereTheDelegateSaysAndTheJarOnlyWhenAsked) {
-  auto delegate = std::make_shared<StoreNamingDelegate>();
+  auto delegate = std::make_shared<TestTransportDelegate>(false);
+  delegate->store = std::make_shared<MemoryUserDefaults>();
   auto store = delegate->cookieStore();
   std::shared_ptr<UserDefaults> chosen = store ? store : defaults_;
   delivery::HttpResponse response;

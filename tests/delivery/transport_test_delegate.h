@@ -6,11 +6,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
 
 #include "telvo/telvo_transport.h"
+#include "telvo/user_defaults.h"
 
 namespace telvo::test {
 
@@ -26,6 +28,11 @@ class TestTransportDelegate : public TelvoTransportDelegate {
 
   // Runs inside requestDidReceiveResult, before the call is recorded.
   std::function<void(const Result&)> onResult;
+  // The store the delegate names for the service's cookie (none: the
+  // transport's own). Set before the first request.
+  std::shared_ptr<UserDefaults> store;
+
+  std::shared_ptr<UserDefaults> cookieStore() const override { return store; }
 
   void requestDidReceiveResult(const URLRequest& request, const std::optional<Json>& result,
                                std::int32_t context) override {
