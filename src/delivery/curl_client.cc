@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "encoding/text.h"
+#include "telvo/http_cookie.h"
 #include "telvo/log.h"
 
 namespace telvo {
@@ -75,7 +76,7 @@ class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
   ~Engine();
 
   void start();
-  void send(URLRequest request, HTTPHeaderFields extraFields, Completion done);
+  void send(URLRequest request, const HTTPCookieStorage* jar, Completion done);
   bool waitUntilIdle(double timeout);
   // Starts stopping: transfers in flight get `graceSeconds` from now.
   void requestStop(double graceSeconds);
@@ -93,7 +94,7 @@ class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
   // keep pointers to its buffers.
   struct Transfer {
     URLRequest request;
-    HTTPHeaderFields extraFields;
+    const HTTPCookieStorage* jar = nullptr;
     Completion done;
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
@@ -202,10 +203,10 @@ void CurlClient::Engine::start() {
   threadId_.store(thread_.get_id());
 }
 
-void CurlClient::Engine::send(URLRequest request, HTTPHeaderFields extraFields, Completion done) {
+void CurlClient::Engine::send(URLRequest request, const HTTPCookieStorage* jar, Completion done) {
   auto transfer = std::make_unique<Transfer>();
   transfer->request = std::move(request);
-  transfer->extraFields = std::move(extraFields);
+  transfer->jar = jar;
   transfer->done = std::move(done);
   if (!transfer->request.url) {
     transfer->response.error = transferError(CURLE_URL_MALFORMAT, "the request has no URL");
@@ -416,9 +417,12 @@ bool CurlClient::Engine::prepare(Transfer& transfer) {
       hasCookie |= sameName(name, "Cookie");
       append(value.empty() ? name + ";" : name + ": " + value);
     }
-    for (const auto& [name, value] : transfer.extraFields) {
-      if (sameName(name, "Cookie") && hasCookie) continue;
-      append(name + ": " + value);
+    // The jar is read here, on this thread, not on the caller's.
+    if (transfer.jar && request.HTTPShouldHandleCookies && !hasCookie) {
+      const auto cookies = transfer.jar->cookiesForURL(*request.url);
+      for (const auto& [name, value] : HTTPCookie::requestHeaderFieldsWithCookies(cookies)) {
+        append(name + ": " + value);
+      }
     }
     // libcurl's defaults that the caller did not ask for stay off the wire.
     if (!hasAccept) append("Accept:");
@@ -654,8 +658,8 @@ CurlClient::CurlClient(std::shared_ptr<Engine> engine) : engine_(std::move(engin
 
 CurlClient::~CurlClient() { engine_->shutdown(kShutdownGrace); }
 
-void CurlClient::send(URLRequest request, HTTPHeaderFields extraFields, Completion done) {
-  engine_->send(std::move(request), std::move(extraFields), std::move(done));
+void CurlClient::send(URLRequest request, const HTTPCookieStorage* jar, Completion done) {
+  engine_->send(std::move(request), jar, std::move(done));
 }
 
 bool CurlClient::waitUntilIdle(double timeout) { return engine_->waitUntilIdle(timeout); }

@@ -9,9 +9,9 @@
 // and DNS answers are shared, so a run of posts to the service costs one
 // handshake. The CA store is loaded once per client and cached.
 //
-// The wire carries exactly the caller's header fields, then the extra fields
-// given with the request (a "Cookie" extra field only where the caller set
-// none), plus what HTTP itself needs (Host, Content-Length): libcurl's own
+// The wire carries exactly the caller's header fields, then (for requests
+// that handle cookies and set no "Cookie" field) the matching cookies of the
+// jar given with the request, plus what HTTP itself needs (Host, Content-Length): libcurl's own
 // Accept, Expect and form Content-Type fields are suppressed, and nothing asks
 // for an encoding; an answer the server encoded anyway (gzip, deflate) is
 // decoded. A request's time-out counts time without data (connecting
@@ -40,6 +40,9 @@
 #include "telvo/url_request.h"
 
 namespace telvo {
+
+class HTTPCookieStorage;
+
 namespace delivery {
 
 class CurlClient {
@@ -57,10 +60,11 @@ class CurlClient {
   CurlClient(const CurlClient&) = delete;
   CurlClient& operator=(const CurlClient&) = delete;
 
-  // Starts the request and returns at once. It fails with a "telvo.transport"
-  // error (code = the CURLcode) where it has no URL, a bad method or a header
-  // field that is not a token or holds CR/LF.
-  void send(URLRequest request, HTTPHeaderFields extraFields, Completion done);
+  // Starts the request and returns at once; `jar` (may be null) must outlive
+  // it. It fails with a "telvo.transport" error (code = the CURLcode) where
+  // it has no URL, a bad method or a header field that is not a token or
+  // holds CR/LF.
+  void send(URLRequest request, const HTTPCookieStorage* jar, Completion done);
 
   // Waits until no request is in flight (every completion has run and been
   // released), at most `timeout` seconds. True when idle. From inside a

@@ -2,7 +2,6 @@
 
 #include "delivery/curl_client.h"
 #include "delivery/response_reader.h"
-#include "encoding/text.h"
 #include "telvo/clock.h"
 #include "telvo/http_cookie.h"
 #include "telvo/user_defaults.h"
@@ -28,14 +27,9 @@ CurlTransport::~CurlTransport() = default;
 void CurlTransport::sendRequest(URLRequest request, std::int32_t context,
                                 std::shared_ptr<TelvoTransportDelegate> delegate) {
   HTTPCookieStorage& jar = HTTPCookieStorage::sharedHTTPCookieStorage();
-  HTTPHeaderFields extra;
-  if (request.HTTPShouldHandleCookies && request.url &&
-      !request.valueForHTTPHeaderField("Cookie")) {
-    extra = HTTPCookie::requestHeaderFieldsWithCookies(jar.cookiesForURL(*request.url));
-  }
   std::shared_ptr<UserDefaults> store = delegate ? delegate->cookieStore() : nullptr;
   if (!store) store = cookieStore_;
-  client_->send(std::move(request), std::move(extra),
+  client_->send(std::move(request), &jar,
                 [delegate = std::move(delegate), context, store = std::move(store), &jar,
                  clock = clock_](const URLRequest& sent, const delivery::HttpResponse& response) {
                   delivery::readResponse(sent, context, delegate, response,
