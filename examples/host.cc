@@ -87,7 +87,12 @@ bool parse(int argc, char** argv, Options& options) {
       if (!value(options.caFile)) return false;
     } else if (arg == "--timeout") {
       if (!value(number)) return false;
-      options.timeout = std::atof(number.c_str());
+      char* end = nullptr;
+      options.timeout = std::strtod(number.c_str(), &end);
+      if (end == number.c_str() || *end != '\0' || !(options.timeout > 0) ||
+          options.timeout > 3600) {
+        return false;  // a positive number of seconds, at most an hour
+      }
     } else if (arg == "--debug") {
       options.debug = true;
     } else {
@@ -171,13 +176,22 @@ int main(int argc, char** argv) {
   timerClient->sendError("E42", telvo::Json{{"component", "player"}});
   step("reported error E42");
 
-  telvo::drain(*telvo::mainQueue(), options.timeout);
+  // Everything so far leaves and is answered before the host goes on.
+  const auto flushLimit = std::chrono::duration_cast<std::chrono::milliseconds>(waitLimit);
+  if (!timerClient->flush(flushLimit) || !countClient->flush(flushLimit)) {
+    std::fprintf(stderr, "host: error: posts still in flight after %g s\n", options.timeout);
+    return 1;
+  }
+  step("flushed both clients; every post answered");
+
   timerClient->sendEvent("pause", telvo::Json{{"position", 12}});
   const auto timerMaster = timerClient->masterConfig();
   const double interval = timerMaster ? static_cast<double>(timerMaster->batchAmount()) : 0;
   step("waiting for the timer flush (every " + std::to_string(static_cast<long long>(interval)) +
        " s)");
   const auto timerDeadline = Clock::now() + waitLimit;
+  // The capture runs on the main queue: once it has, the queue shows the
+  // event until the timer takes it.
   telvo::drain(*telvo::mainQueue(), options.timeout);
   while (!timerClient->batch().empty() && Clock::now() < timerDeadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -192,18 +206,17 @@ int main(int argc, char** argv) {
   telvo::NotificationCenter::defaultCenter()->postNotificationName(
       telvo::UIApplicationDidEnterBackgroundNotification);
   step("posted UIApplicationDidEnterBackgroundNotification (timers stopped)");
-  telvo::drain(*telvo::mainQueue(), options.timeout);
-  timerClient->dumpEvents();
-  countClient->dumpEvents();
-  step("flushed both clients");
 
-  // Queued work first, then the requests it started.
-  if (!telvo::drain(*telvo::mainQueue(), options.timeout) ||
-      !telvo::drain(*telvo::backgroundQueue(), options.timeout) ||
-      !telvo::TelvoTransport::sharedTransport()->waitUntilIdle(options.timeout)) {
-    std::fprintf(stderr, "host: error: requests still in flight after %g s\n", options.timeout);
+  // Before exiting: what is queued leaves, then the library's threads stop.
+  if (!timerClient->flush(flushLimit) || !countClient->flush(flushLimit)) {
+    std::fprintf(stderr, "host: error: posts still in flight after %g s\n", options.timeout);
     return 1;
   }
-  step("transport idle; done");
+  step("flushed both clients");
+  if (!telvo::shutdown(std::chrono::seconds(2))) {
+    std::fprintf(stderr, "host: error: the library did not stop within 2 s\n");
+    return 1;
+  }
+  step("library shut down; done");
   return 0;
 }

@@ -8,6 +8,7 @@
 // initialised in time is explained (configuration unreachable, reporting
 // disabled, no session id) and the command exits 1.
 #include <chrono>
+#include <cmath>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -89,9 +90,13 @@ std::string whyNotInitialised(const Telvo& client, double seconds) {
          within;
 }
 
+// A day: long enough for any stage, small enough for every clock type.
+constexpr double kMaxTimeout = 86400;
+
 int runSend(const SendOptions& options) {
-  if (!(options.timeout > 0)) {
-    std::cerr << "telvo send: --timeout must be a positive number of seconds\n";
+  if (!(options.timeout > 0 && options.timeout <= kMaxTimeout)) {
+    std::cerr << "telvo send: --timeout must be a positive number of seconds, at most "
+              << kMaxTimeout << "\n";
     return kExitUsage;
   }
   std::vector<EventArg> events;
@@ -190,14 +195,11 @@ int runSend(const SendOptions& options) {
     std::cerr << "telvo send: " << e.what() << "\n";
     return kExitUsage;
   }
-  // Captures run on the main queue and may start flushes of their own; the
-  // final flush goes after them, then error reports leave the background
-  // queue, then every request is awaited.
-  bool settled = drain(*mainQueue(), options.timeout);
-  client->dumpEvents();
-  settled = settled && drain(*mainQueue(), options.timeout) &&
-            drain(*backgroundQueue(), options.timeout) &&
-            TelvoTransport::sharedTransport()->waitUntilIdle(options.timeout);
+  // Everything accepted leaves, and its posts complete, before the tool stops
+  // the library's threads.
+  const auto timeout = std::chrono::milliseconds(std::llround(options.timeout * 1000));
+  const bool settled = client->flush(timeout);
+  shutdown(timeout);
   if (!settled) {
     std::cerr << "telvo send: posts still in flight after " << options.timeout << " s\n";
     return 1;

@@ -47,6 +47,11 @@ class Executor {
   // kMinimumTimerInterval), first after one interval, until invalidated.
   // The executor keeps the timer alive while it is valid.
   virtual std::shared_ptr<Timer> scheduleRepeating(double interval, std::function<void()> fire) = 0;
+
+  // True when called from work or a timer running on this executor. An
+  // adapter that cannot tell answers false (the default); code that must
+  // not wait for the executor on its own thread then waits out its time-out.
+  virtual bool isCurrent() const { return false; }
 };
 
 // The process-wide main queue. Default: one library-owned thread (created on

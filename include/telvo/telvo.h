@@ -67,6 +67,7 @@
 //     bad bytes.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -138,6 +139,21 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
   // "eventData"}...]} to servicesUrl + batchApi + ".json". An empty queue
   // sends nothing. Whatever becomes of the post, the events are gone.
   void dumpEvents();
+
+  // Sends everything accepted so far and waits for it to be delivered, at
+  // most `timeout`. Every event accepted before the call is captured and the
+  // queue flushed as dumpEvents does; then the call waits until that post and
+  // every error report this client accepted before it have completed,
+  // whatever the service answered or however the transfer failed. True when
+  // all of them have completed in time (also when there was nothing to
+  // send); false on time-out, when the work goes on without the caller.
+  // Callable from any thread. On the main queue's own thread it cannot wait
+  // for the main queue: it schedules the flush and returns false at once
+  // (for a host-supplied main queue whose isCurrent() cannot tell, it waits
+  // out `timeout`). Do not call it from the transport's thread (a delegate
+  // callback): completions cannot run while it waits there, so it returns
+  // false after `timeout`. After telvo::shutdown it returns false at once.
+  bool flush(std::chrono::milliseconds timeout);
 
   // The start-up exchange. getConfigs is called by create; sendHello by the
   // configuration answer when reporting is enabled. Both return at once.
@@ -214,5 +230,22 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
         const Platform& platform);
   std::unique_ptr<Impl> _impl;
 };
+
+// Stops the library's own threads, in the order work flows through them,
+// all within `timeout`: the default main queue (work already posted to it
+// still runs: captures and flushes), the default background queue (error
+// reports), then every libcurl transport (the shared one included): requests
+// still in flight get until half a second before the deadline, then
+// complete with a "telvo.transport" cancellation error. A thread that does
+// not end in time (a completion stuck in host code) is left to finish on its
+// own; the call never waits past the deadline. From the moment it is called,
+// every client refuses new work silently: sendEvent, sendError, dumpEvents,
+// the timer and the start-up exchange do nothing, and flush returns false.
+// Queues and transports the host supplied itself are the host's to stop.
+// True when every library thread has ended. Idempotent: a later call returns
+// at once. Call it before unloading the library or before fork() in a
+// process that goes on using the library in the child; call flush first to
+// send what is queued. The library cannot be started again in this process.
+bool shutdown(std::chrono::milliseconds timeout);
 
 }  // namespace telvo

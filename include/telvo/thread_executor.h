@@ -41,6 +41,7 @@ class ThreadExecutor : public Executor {
   // returned already invalid.
   void post(std::function<void()> work) override;
   std::shared_ptr<Timer> scheduleRepeating(double interval, std::function<void()> fire) override;
+  bool isCurrent() const override;
 
   // Stops the worker: work posted before the call still runs, timers stop
   // firing, then the thread ends. Waits at most `deadlineSeconds` for that;

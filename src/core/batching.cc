@@ -1,5 +1,8 @@
 // The batch timer and the flush.
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
 #include <deque>
 
 #include "core/telvo_impl.h"
@@ -102,7 +105,53 @@ void Telvo::Impl::flushNow() {
     batchApi = current.master->batchApi();
   }
   platform.transport->sendRequest(delivery::BatchPayload::request(servicesUrl, batchApi, payload),
-                                  kPostContext, self());
+                                  kPostContext,
+                                  core::Deliveries::tracked(self(), deliveries->begin()));
+}
+
+bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {
+  using SteadyClock = std::chrono::steady_clock;
+  const auto deadline = SteadyClock::now() + std::max(timeout, std::chrono::milliseconds(0));
+  if (platform.mainQueue->isCurrent()) {
+    // Waiting here would hold up the very work waited for.
+    dumpEvents();
+    return false;
+  }
+  // On the main queue, behind every capture already accepted: capture them,
+  // flush, and note which posts and reports are now handed over.
+  struct Horizon {
+    std::mutex mutex;
+    std::condition_variable set;
+    std::optional<std::uint64_t> value;
+  };
+  auto horizon = std::make_shared<Horizon>();
+  try {
+    platform.mainQueue->post([self = self(), horizon] {
+      try {
+        self->_impl->drainPendingEvents();
+        self->_impl->flushNow();
+      } catch (const std::exception& e) {
+        log(std::string("Telvo: batch post dropped: ") + e.what());
+      }
+      {
+        std::lock_guard<std::mutex> lock(horizon->mutex);
+        horizon->value = self->_impl->deliveries->horizon();
+      }
+      horizon->set.notify_all();
+    });
+  } catch (const std::exception& e) {
+    log(std::string("Telvo: the main queue refused a flush: ") + e.what());
+    return false;
+  }
+  std::uint64_t until;
+  {
+    std::unique_lock<std::mutex> lock(horizon->mutex);
+    if (!horizon->set.wait_until(lock, deadline, [&] { return horizon->value.has_value(); })) {
+      return false;
+    }
+    until = *horizon->value;
+  }
+  return deliveries->waitBefore(until, deadline);
 }
 
 }  // namespace telvo

@@ -17,17 +17,21 @@ void Telvo::Impl::sendError(Json code, std::optional<Json> details) {
     return;
   }
   if (debugging()) log("Reporting error: " + encoding::describeJson(&code));
+  // The ticket is returned when the report's post completes, or as soon as
+  // the report is dropped (the queue included).
   platform.backgroundQueue->post(
-      [self = self(), code = std::move(code), details = std::move(details)] {
+      [self = self(), code = std::move(code), details = std::move(details),
+       ticket = deliveries->begin()] {
         try {
-          self->_impl->postErrorReport(code, details);
+          self->_impl->postErrorReport(code, details, ticket);
         } catch (const std::exception& e) {
           log(std::string("Telvo: error report dropped: ") + e.what());
         }
       });
 }
 
-void Telvo::Impl::postErrorReport(const Json& code, const std::optional<Json>& details) {
+void Telvo::Impl::postErrorReport(const Json& code, const std::optional<Json>& details,
+                                  std::shared_ptr<core::Deliveries::Ticket> ticket) {
   const Snapshot current = snapshot();
   const auto appName = applicationName(current.config.get());
   if (!appName) {
@@ -42,7 +46,7 @@ void Telvo::Impl::postErrorReport(const Json& code, const std::optional<Json>& d
   std::optional<std::string> servicesUrl;
   if (current.master) servicesUrl = current.master->servicesUrl();
   platform.transport->sendRequest(delivery::ErrorPost::request(servicesUrl, json), kPostContext,
-                                  self());
+                                  core::Deliveries::tracked(self(), std::move(ticket)));
 }
 
 }  // namespace telvo

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "config/hello.h"
+#include "core/shutdown.h"
 #include "core/telvo_impl.h"
 #include "telvo/clock.h"
 #include "telvo/envelope.h"
@@ -87,21 +88,42 @@ Telvo::~Telvo() {
 
 // --- Operations.
 
+// After telvo::shutdown, new work is refused without a word.
+
 void Telvo::sendEvent(const std::string& name, std::optional<Json> data) {
+  if (core::stopped()) return;
   _impl->sendEvent(name, std::move(data));
 }
 void Telvo::sendError(Json code, std::optional<Json> details) {
+  if (core::stopped()) return;
   _impl->sendError(std::move(code), std::move(details));
 }
-void Telvo::startTimer(const Notification*) { _impl->startTimer(); }
+void Telvo::startTimer(const Notification*) {
+  if (core::stopped()) return;
+  _impl->startTimer();
+}
 void Telvo::stopTimer(const Notification*) { _impl->stopTimer(); }
 void Telvo::timedPost(const Timer*) {
+  if (core::stopped()) return;
   if (debug()) log("Dumping events on timer");
   _impl->dumpEvents();
 }
-void Telvo::dumpEvents() { _impl->dumpEvents(); }
-void Telvo::getConfigs() { _impl->getConfigs(); }
-void Telvo::sendHello() { _impl->sendHello(); }
+void Telvo::dumpEvents() {
+  if (core::stopped()) return;
+  _impl->dumpEvents();
+}
+bool Telvo::flush(std::chrono::milliseconds timeout) {
+  if (core::stopped()) return false;
+  return _impl->flush(timeout);
+}
+void Telvo::getConfigs() {
+  if (core::stopped()) return;
+  _impl->getConfigs();
+}
+void Telvo::sendHello() {
+  if (core::stopped()) return;
+  _impl->sendHello();
+}
 void Telvo::requestDidReceiveResult(const URLRequest&, const std::optional<Json>& result,
                                     std::int32_t context) {
   _impl->requestDidReceiveResult(result, context);

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "core/deliveries.h"
 #include "core/event_queue.h"
 #include "telvo/platform.h"
 #include "telvo/telvo.h"
@@ -32,8 +34,9 @@ struct Telvo::Impl {
 
   // --- Error reports (error_report.cc).
   void sendError(Json code, std::optional<Json> details);
-  // Background queue: builds and posts one report.
-  void postErrorReport(const Json& code, const std::optional<Json>& details);
+  // Background queue: builds and posts one report; `ticket` goes with it.
+  void postErrorReport(const Json& code, const std::optional<Json>& details,
+                       std::shared_ptr<core::Deliveries::Ticket> ticket);
 
   // --- Start-up and answers (startup.cc).
   void getConfigs();
@@ -46,6 +49,7 @@ struct Telvo::Impl {
   void dumpEvents();
   // Main queue: the body of dumpEvents.
   void flushNow();
+  bool flush(std::chrono::milliseconds timeout);
 
   // The fields a background job reads, taken together under the lock.
   struct Snapshot {
@@ -92,6 +96,9 @@ struct Telvo::Impl {
   // Opaque host slots, guarded by mutex.
   std::shared_ptr<void> managedObjectContext, managedObjectModel, persistentStoreCoordinator,
       NSMOCLock, NSPSCLock;
+
+  // Batch posts and error reports handed over and not yet completed.
+  const std::shared_ptr<core::Deliveries> deliveries = std::make_shared<core::Deliveries>();
 
   // The queue. Changed only on the main queue; it locks itself, so batch()
   // may copy it from elsewhere.

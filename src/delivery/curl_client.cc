@@ -81,8 +81,9 @@ class CurlClient::Engine final : public std::enable_shared_from_this<Engine> {
   // Starts stopping: transfers in flight get `graceSeconds` from now.
   void requestStop(double graceSeconds);
   // Waits for the thread to end, at most until `until` (not at all from a
-  // completion); a thread still running then is detached.
-  void join(SteadyClock::time_point until);
+  // completion); a thread still running then is detached. True when the
+  // thread has ended (or had already).
+  bool join(SteadyClock::time_point until);
   void shutdown(double graceSeconds) {
     requestStop(graceSeconds);
     join(SteadyClock::now() + secondsToDuration(graceSeconds + kJoinMargin));
@@ -250,10 +251,13 @@ void CurlClient::Engine::requestStop(double graceSeconds) {
   curl_multi_wakeup(multi_);
 }
 
-void CurlClient::Engine::join(SteadyClock::time_point until) {
-  if (onEngineThread()) return;  // the loop sees the flag once this completion returns
+bool CurlClient::Engine::join(SteadyClock::time_point until) {
+  if (onEngineThread()) return false;  // the loop sees the flag once this completion returns
   std::lock_guard<std::mutex> joining(joinMutex_);
-  if (!thread_.joinable()) return;
+  if (!thread_.joinable()) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return exited_;
+  }
   bool exited;
   {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -268,6 +272,7 @@ void CurlClient::Engine::join(SteadyClock::time_point until) {
     log("telvo: the transport thread did not stop in time; it is left to finish on its own");
     thread_.detach();
   }
+  return exited;
 }
 
 void CurlClient::Engine::run() {
@@ -611,18 +616,8 @@ void CurlClient::Engine::release(Transfer& transfer) {
 namespace {
 
 void stopAllAtExit() {
-  std::vector<std::shared_ptr<CurlClient::Engine>> live;
-  {
-    std::lock_guard<std::mutex> lock(registry().mutex);
-    for (auto& weak : registry().engines) {
-      if (auto engine = weak.lock()) live.push_back(std::move(engine));
-    }
-  }
-  // All stop together, so the exit waits for one grace time at most.
-  for (auto& engine : live) engine->requestStop(CurlClient::kShutdownGrace);
-  const auto until =
-      SteadyClock::now() + secondsToDuration(CurlClient::kShutdownGrace + kJoinMargin);
-  for (auto& engine : live) engine->join(until);
+  CurlClient::stopAll(SteadyClock::now() +
+                      secondsToDuration(CurlClient::kShutdownGrace + kJoinMargin));
 }
 
 void initialiseLibcurlOnce() {
@@ -665,6 +660,24 @@ void CurlClient::send(URLRequest request, const HTTPCookieStorage* jar, Completi
 bool CurlClient::waitUntilIdle(double timeout) { return engine_->waitUntilIdle(timeout); }
 
 void CurlClient::shutdown(double graceSeconds) { engine_->shutdown(graceSeconds); }
+
+bool CurlClient::stopAll(std::chrono::steady_clock::time_point until) {
+  std::vector<std::shared_ptr<Engine>> live;
+  {
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    for (auto& weak : registry().engines) {
+      if (auto engine = weak.lock()) live.push_back(std::move(engine));
+    }
+  }
+  // All stop together, so the caller waits for one grace time at most; the
+  // last half second is left for completions to run.
+  const double grace =
+      std::chrono::duration<double>(until - SteadyClock::now()).count() - kJoinMargin;
+  for (auto& engine : live) engine->requestStop(std::max(0.0, grace));
+  bool ended = true;
+  for (auto& engine : live) ended = engine->join(until) && ended;
+  return ended;
+}
 
 std::int64_t CurlClient::connectionsOpened() const { return engine_->connectionsOpened(); }
 

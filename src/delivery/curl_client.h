@@ -31,6 +31,7 @@
 // including from inside a completion.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -74,6 +75,11 @@ class CurlClient {
   // Stops the thread as described above, waiting at most `graceSeconds` +
   // 0.5 s (not at all when called from a completion). Idempotent.
   void shutdown(double graceSeconds);
+
+  // Stops every client still alive together: transfers in flight get until
+  // half a second before `until`, the threads until `until`. True when every
+  // thread has ended. Called at process exit and by telvo::shutdown.
+  static bool stopAll(std::chrono::steady_clock::time_point until);
 
   // New connections opened so far (each one a TCP connect and TLS handshake).
   std::int64_t connectionsOpened() const;

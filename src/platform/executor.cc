@@ -6,6 +6,7 @@
 #include <future>
 #include <mutex>
 
+#include "platform/default_queues.h"
 #include "platform/process_default.h"
 #include "telvo/thread_executor.h"
 
@@ -65,6 +66,11 @@ std::shared_ptr<Executor> backgroundQueue() {
 void setBackgroundQueue(std::shared_ptr<Executor> queue) {
   backgroundHolder().set(std::move(queue));
 }
+
+namespace platform {
+std::shared_ptr<Executor> peekMainQueue() { return mainHolder().peek(); }
+std::shared_ptr<Executor> peekBackgroundQueue() { return backgroundHolder().peek(); }
+}  // namespace platform
 
 bool drain(Executor& queue, double timeout) {
   auto done = std::make_shared<std::promise<void>>();

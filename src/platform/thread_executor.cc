@@ -199,6 +199,10 @@ std::shared_ptr<Timer> ThreadExecutor::scheduleRepeating(double interval,
   return timer;
 }
 
+bool ThreadExecutor::isCurrent() const {
+  return std::this_thread::get_id() == core_->workerId;
+}
+
 bool ThreadExecutor::shutdown(double deadlineSeconds) {
   {
     std::lock_guard<std::mutex> lock(core_->mutex);
