@@ -59,6 +59,9 @@ class TelvoTransport {
     std::string caPath;         // folder of hashed certificates
     std::string proxy;          // e.g. "http://proxy:3128"; empty: libcurl's default
     double connectTimeout = 0;  // seconds; 0: libcurl's default
+    // Seconds without data before a request fails, for every request; 0:
+    // each request's own timeoutInterval (60 s for the client's requests).
+    double requestTimeout = 0;
   };
   static void setOptions(Options options);
   static Options options();

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "config/event_names.h"
 #include "encoding/json_text.h"
 #include "telvo/device.h"
 #include "telvo/log.h"
@@ -34,20 +35,6 @@ std::optional<std::string> textValue(const Json& value, const char* key) {
   if (value.is_null()) return std::nullopt;
   throw UsageError(std::string("TelvoConfig: value for \"") + key + "\" must be text, not " +
                    value.type_name());
-}
-
-std::vector<std::string> splitEventNames(std::string text) {
-  text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
-  std::vector<std::string> names;
-  std::string::size_type start = 0;
-  for (;;) {
-    auto comma = text.find(',', start);
-    names.push_back(
-        text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
-    if (comma == std::string::npos) break;
-    start = comma + 1;
-  }
-  return names;
 }
 
 // A JSON null shows as "<null>", an unset value as "(null)".
@@ -119,7 +106,7 @@ std::shared_ptr<TelvoConfig> TelvoConfig::telvoConfigWithDictionary(const Json& 
           std::string("TelvoConfig: value for \"highPriorityEvents\" must be text, not ") +
           events->type_name());
     }
-    config->_highPriorityEvents = splitEventNames(events->get<std::string>());
+    config->_highPriorityEvents = configuration::splitEventNames(events->get<std::string>());
   }
   return config;
 }
@@ -161,4 +148,24 @@ std::optional<std::string> TelvoConfig::JSONString() const {
   }
 }
 
+}  // namespace telvo
+
+namespace telvo {
+namespace configuration {
+
+std::vector<std::string> splitEventNames(std::string text) {
+  text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+  std::vector<std::string> names;
+  std::string::size_type start = 0;
+  for (;;) {
+    auto comma = text.find(',', start);
+    names.push_back(
+        text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  return names;
+}
+
+}  // namespace configuration
 }  // namespace telvo

@@ -5,6 +5,7 @@
 #include <optional>
 #include <deque>
 
+#include "core/shutdown.h"
 #include "core/telvo_impl.h"
 #include "delivery/batch_payload.h"
 #include "delivery/flush_rules.h"
@@ -110,8 +111,7 @@ void Telvo::Impl::flushNow() {
 }
 
 bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {
-  using SteadyClock = std::chrono::steady_clock;
-  const auto deadline = SteadyClock::now() + std::max(timeout, std::chrono::milliseconds(0));
+  const auto deadline = core::deadlineAfter(timeout);
   if (platform.mainQueue->isCurrent()) {
     // Waiting here would hold up the very work waited for.
     dumpEvents();

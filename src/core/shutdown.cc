@@ -17,7 +17,7 @@ namespace telvo {
 
 bool shutdown(std::chrono::milliseconds timeout) {
   using SteadyClock = std::chrono::steady_clock;
-  const auto deadline = SteadyClock::now() + std::max(timeout, std::chrono::milliseconds(0));
+  const auto deadline = core::deadlineAfter(timeout);
   auto remaining = [&] {
     return std::max(0.0, std::chrono::duration<double>(deadline - SteadyClock::now()).count());
   };

@@ -2,7 +2,9 @@
 // refuses new work without a word.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 
 namespace telvo {
 namespace core {
@@ -10,6 +12,14 @@ namespace core {
 inline std::atomic<bool> libraryStopped{false};
 
 inline bool stopped() { return libraryStopped.load(std::memory_order_relaxed); }
+
+// Now plus `timeout` (negative counts as 0), for a deadline the host named:
+// capped at a year, so no time-out overflows the clock.
+inline std::chrono::steady_clock::time_point deadlineAfter(std::chrono::milliseconds timeout) {
+  constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 366);
+  return std::chrono::steady_clock::now() +
+         std::clamp(timeout, std::chrono::milliseconds(0), kLongest);
+}
 
 }  // namespace core
 }  // namespace telvo

@@ -213,16 +213,16 @@ void CurlClient::Engine::send(URLRequest request, const HTTPCookieStorage* jar, 
     transfer->response.error = transferError(CURLE_URL_MALFORMAT, "the request has no URL");
   }
   {
+    // The wake-up goes out under the lock: once the loop has ended, the
+    // multi handle is gone.
     std::lock_guard<std::mutex> lock(mutex_);
     if (!stopping_) {
       incoming_.push_back(std::move(transfer));
       ++inFlight_;
+      curl_multi_wakeup(multi_);
     }
   }
-  if (!transfer) {
-    curl_multi_wakeup(multi_);
-    return;
-  }
+  if (!transfer) return;
   // Stopped: the request still gets its outcome, a cancellation, here.
   log("telvo: transport stopped; request to " +
       (transfer->request.url ? transfer->request.url->absoluteString() : "(no URL)") +
@@ -247,8 +247,8 @@ void CurlClient::Engine::requestStop(double graceSeconds) {
       stopping_ = true;
       deadline_ = SteadyClock::now() + secondsToDuration(graceSeconds);
     }
+    if (multi_) curl_multi_wakeup(multi_);
   }
-  curl_multi_wakeup(multi_);
 }
 
 bool CurlClient::Engine::join(SteadyClock::time_point until) {
@@ -286,8 +286,16 @@ void CurlClient::Engine::run() {
       log("telvo: transport loop recovered from an unknown exception");
     }
   }
+  // Stopped: the open connections close now, not when the last reference
+  // to the client goes.
+  for (CURL* easy : idleHandles_) curl_easy_cleanup(easy);
+  idleHandles_.clear();
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (running_.empty()) {
+      curl_multi_cleanup(multi_);
+      multi_ = nullptr;
+    }
     exited_ = true;
   }
   exitedSignal_.notify_all();
@@ -478,7 +486,7 @@ bool CurlClient::Engine::prepare(Transfer& transfer) {
   // The request's time-out is time without data, connecting included, as the
   // platform's URL session counts it (onProgress); a transfer that keeps
   // trickling still ends after kLongestTransfer in all.
-  double timeout = request.timeoutInterval;
+  double timeout = options_.requestTimeout > 0 ? options_.requestTimeout : request.timeoutInterval;
   if (!(timeout > 0) || !std::isfinite(timeout)) timeout = kDefaultTimeoutSeconds;
   timeout = std::min(timeout, kLongestTransfer);
   transfer.idleLimit = secondsToDuration(timeout);

@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "support/captured_log.h"
-#include "support/https_test_server.h"
+#include "support/local_service.h"
 #include "support/test_platform.h"
 #include "telvo/envelope.h"
 #include "telvo/notification_center.h"
@@ -25,90 +25,13 @@ namespace telvo {
 namespace {
 
 using namespace std::chrono_literals;
-using test::HttpsTestServer;
+using test::LocalService;
+using test::waitFor;
 using SteadyClock = std::chrono::steady_clock;
-
-constexpr const char* kBatchPath = "/api/batch.json";
-constexpr const char* kErrorPath = "/api/postEvent/error";
-
-// A service whose posts are answered at once, or held until released (at
-// most 10 s, so a failing test still ends).
-class Service {
- public:
-  Service() {
-    document_ = Json{{"default",
-                      {{"enabled", true},
-                       {"batchMode", "timer"},
-                       {"batchModeAmount", 3600},  // only flushes send
-                       {"servicesUrl", server_.url()},
-                       {"helloApi", "/api/hello"},
-                       {"batchApi", "/api/batch"}}}}
-                    .dump();
-    server_.route("GET", "/config/Player/den/telvoanalytics.json",
-                  [this](const httplib::Request&, httplib::Response& response) {
-                    response.set_content(document_, "application/json");
-                  });
-    server_.route("POST", "/api/hello", [](const httplib::Request&, httplib::Response& response) {
-      response.set_content(R"({"sessionId":"S-1","throttled":false})", "application/json");
-    });
-    for (const char* path : {kBatchPath, kErrorPath}) {
-      server_.route("POST", path, [this](const httplib::Request&, httplib::Response& response) {
-        if (hold_) released_.wait_for(10s);
-        response.set_content("{}", "application/json");
-      });
-    }
-  }
-  ~Service() { release(); }
-
-  // Posts from now on are held until release().
-  void hold() { hold_ = true; }
-  void release() {
-    if (hold_.exchange(false)) releasing_.set_value();
-  }
-
-  std::shared_ptr<TelvoConfig> config() const {
-    return std::make_shared<TelvoConfig>("linux", "12", "den", "3.0", "Player",
-                                         server_.url("/config/"));
-  }
-  std::string caFile() const { return server_.certificateFile(); }
-  HttpsTestServer& server() { return server_; }
-
-  // The events of every batch post received, in order.
-  Json postedEvents() const {
-    Json events = Json::array();
-    for (const auto& request : server_.requests()) {
-      if (request.path != kBatchPath) continue;
-      const Json document = decodeTelvoJsonParameter(request.body).document;
-      for (const auto& event : document["events"]) events.push_back(event);
-    }
-    return events;
-  }
-  std::size_t errorPosts() const {
-    std::size_t count = 0;
-    for (const auto& request : server_.requests()) count += request.path == kErrorPath;
-    return count;
-  }
-
- private:
-  HttpsTestServer server_;
-  std::string document_;
-  std::atomic<bool> hold_{false};
-  std::promise<void> releasing_;
-  std::shared_future<void> released_ = releasing_.get_future().share();
-};
-
-bool waitFor(const std::function<bool()>& done) {
-  const auto deadline = SteadyClock::now() + 20s;
-  while (!done()) {
-    if (SteadyClock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
 
 // A client on its own queues and libcurl transport, initialised.
 struct OwnClient {
-  explicit OwnClient(Service& service) {
+  explicit OwnClient(LocalService& service) {
     TelvoTransport::Options options;
     options.caFile = service.caFile();
     platform.mainQueue = std::make_shared<ThreadExecutor>();
@@ -125,7 +48,7 @@ struct OwnClient {
 };
 
 TEST(Flush, DeliversEverythingAcceptedBeforeItWasCalled) {
-  Service service;
+  LocalService service;
   OwnClient setup(service);
   auto& client = *setup.client;
   ASSERT_TRUE(waitFor([&] { return client.isInitialized(); }));
@@ -166,7 +89,7 @@ TEST(Flush, DeliversEverythingAcceptedBeforeItWasCalled) {
 }
 
 TEST(Flush, ReturnsFalseWithinItsTimeoutWhenTheServiceNeverAnswers) {
-  Service service;
+  LocalService service;
   OwnClient setup(service);
   auto& client = *setup.client;
   ASSERT_TRUE(waitFor([&] { return client.isInitialized(); }));
@@ -194,7 +117,7 @@ int shutdownScenario() {
     std::fprintf(stderr, "shutdown scenario: %s\n", what);
     return 1;
   };
-  Service service;
+  LocalService service;
   TelvoTransport::Options options;
   options.caFile = service.caFile();
   TelvoTransport::setOptions(options);

@@ -144,6 +144,27 @@ TEST_F(DemoEndToEndTest, SendAndExampleHostArriveWhole) {
   EXPECT_TRUE(rows["problems"].empty()) << rows["problems"].dump();
 }
 
+TEST_F(DemoEndToEndTest, TheCHostDeliversThroughTheCInterface) {
+  if (std::string(TELVO_EXAMPLE_C_PATH).empty()) GTEST_SKIP() << "the C example is not built";
+  start({});
+  auto host = runProgram(TELVO_EXAMPLE_C_PATH,
+                         {"--config-base", configBase(), "--app", "demo", "--site", "lab",
+                          "--cacert", collector_.certificatePath(), "--timeout", "20"},
+                         env_, std::chrono::seconds(60));
+  ASSERT_EQ(host.status, 0) << host.out << host.err;
+  EXPECT_NE(host.out.find("initialised"), std::string::npos) << host.out;
+
+  const Json rows = stored();
+  ASSERT_EQ(rows["sessions"].size(), 1u);
+  ASSERT_EQ(rows["events"].size(), 2u) << rows["events"].dump();
+  EXPECT_EQ(rows["events"][0]["eventType"], "c_start");
+  EXPECT_EQ(rows["events"][0]["eventData"]["language"], "C");
+  EXPECT_EQ(rows["events"][1]["eventData"], (Json{{"applicationName", "demo"}}));
+  ASSERT_EQ(rows["errors"].size(), 1u);
+  EXPECT_EQ(rows["errors"][0]["errorCode"], "C42");
+  EXPECT_TRUE(rows["problems"].empty()) << rows["problems"].dump();
+}
+
 TEST_F(DemoEndToEndTest, SendSaysWhyTheClientDidNotStart) {
   std::string configDir = dir_.file("config");
   auto write = [&](const std::string& app, const Json& section) {

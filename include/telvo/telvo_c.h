@@ -1,0 +1,151 @@
+/* The C interface of the Telvo analytics client, for hosts written in C and
+ * for bindings from other languages.
+ *
+ *   telvo_config* config = NULL;
+ *   telvo_config_create("linux", "12", "lab", "1.0", "demo", NULL, &config);
+ *   telvo_client* client = NULL;
+ *   if (telvo_client_create(config, "property", "production", &client) != TELVO_OK) {
+ *     fprintf(stderr, "%s\n", telvo_last_error_message());
+ *   }
+ *   telvo_config_release(config);           (the client keeps its own copy)
+ *   telvo_send_event(client, "play", "{\"title\":\"Intro\"}");
+ *   telvo_flush(client, 5000);              (before the host exits)
+ *   telvo_client_release(client);
+ *   telvo_shutdown(2000);
+ *
+ * Every function returns at once unless it says it waits, may be called from
+ * any thread, accepts null handles (answering TELVO_ERROR_NULL_ARGUMENT, or
+ * doing nothing where it returns nothing) and never lets a C++ exception
+ * out. A function that fails returns a status other than TELVO_OK and leaves
+ * a message for the calling thread (telvo_last_error_message). Texts are
+ * UTF-8 and NUL-terminated; JSON texts are checked before anything is
+ * queued. The client behaves as the C++ Telvo class does (telvo/telvo.h):
+ * events are accepted only once it is initialised, enabled and not
+ * throttled, and are otherwise dropped silently, so TELVO_OK means "accepted
+ * or silently refused", not "queued". */
+#ifndef TELVO_TELVO_C_H
+#define TELVO_TELVO_C_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "telvo/export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Status codes. */
+#define TELVO_OK 0
+#define TELVO_ERROR_NULL_ARGUMENT 1    /* a handle or a required pointer was null */
+#define TELVO_ERROR_INVALID_ARGUMENT 2 /* an unknown key, a value out of range */
+#define TELVO_ERROR_INVALID_JSON 3     /* JSON text that does not parse or has the wrong type */
+#define TELVO_ERROR_TIMEOUT 4          /* the deadline passed first */
+#define TELVO_ERROR_BUFFER_TOO_SMALL 5 /* the text did not fit; see the size written back */
+#define TELVO_ERROR_INTERNAL 6         /* out of memory, or a failure inside the library */
+
+typedef struct telvo_config telvo_config;
+typedef struct telvo_client telvo_client;
+
+/* A fixed text naming `status`, never null ("unknown status" for others). */
+TELVO_API const char* telvo_status_message(int status);
+/* What went wrong in the calling thread's last failing call ("" when none). The
+ * text stays valid until the thread's next call into the library. */
+TELVO_API const char* telvo_last_error_message(void);
+
+/* --- Configuration: how the host describes itself. */
+
+/* A configuration with these six settings; a null argument leaves the setting
+ * unset. */
+TELVO_API int telvo_config_create(const char* platform, const char* platform_version,
+                                  const char* site, const char* app_version,
+                                  const char* app_name, const char* config_base_url,
+                                  telvo_config** out);
+/* A configuration from `count` key/value settings, read as the C++
+ * TelvoConfig::telvoConfigWithDictionary reads a dictionary of texts:
+ * "platform", "site", "appVersion" and "appName" are required,
+ * "configBaseUrl" defaults to the library's base, "highPriorityEvents" is a
+ * comma-separated list, the platform version comes from the device. A null
+ * value stands for a JSON null. A missing required key gives
+ * TELVO_ERROR_INVALID_ARGUMENT naming it. */
+TELVO_API int telvo_config_create_from_settings(const char* const* keys,
+                                                const char* const* values, size_t count,
+                                                telvo_config** out);
+/* Sets one setting: "platform", "platformVersion", "site", "appVersion",
+ * "appName", "configBaseUrl", "highPriorityEvents" (comma-separated) or
+ * "batchDisabled" ("true"/"false"). A null value unsets it. */
+TELVO_API int telvo_config_set(telvo_config* config, const char* key, const char* value);
+TELVO_API void telvo_config_release(telvo_config* config);
+
+/* --- Clients. */
+
+/* A client for `property` in `environment`, with a copy of `config`: the
+ * configuration may be changed or released afterwards. It starts fetching the
+ * configuration document at once. */
+TELVO_API int telvo_client_create(const telvo_config* config, const char* property,
+                                  const char* environment, telvo_client** out);
+/* Releases the host's client. Queued events not yet flushed are lost; call
+ * telvo_flush first. After it returns, the initialised callback is not called
+ * again. Do not release a client from inside its own callback. */
+TELVO_API void telvo_client_release(telvo_client* client);
+
+/* Queues one event. `data_json` is a JSON object text, or null for no data.
+ * Data that does not parse, is nested more than 128 levels deep or is not
+ * an object gives TELVO_ERROR_INVALID_JSON and nothing is queued. */
+TELVO_API int telvo_send_event(telvo_client* client, const char* name, const char* data_json);
+/* Posts one error report at once. `code_json` is the error code as JSON text
+ * ("42", "\"E42\""; not null); `details_json` a JSON object text or null. */
+TELVO_API int telvo_send_error(telvo_client* client, const char* code_json,
+                               const char* details_json);
+/* Waits up to `timeout_ms` until every event and error report accepted
+ * before the call has been sent and answered (or has failed): TELVO_OK, or
+ * TELVO_ERROR_TIMEOUT. Never call it from the initialised callback. */
+TELVO_API int telvo_flush(telvo_client* client, int64_t timeout_ms);
+/* Starts a flush without waiting. */
+TELVO_API int telvo_dump_events(telvo_client* client);
+
+/* Called once the service's hello answer has initialised the client, on the
+ * library's network thread: return quickly. Not called for a client that is
+ * already initialised when it is set (read telvo_client_is_initialized). A
+ * null `callback` removes it. */
+typedef void (*telvo_initialized_callback)(telvo_client* client, void* user_data);
+TELVO_API int telvo_client_set_initialized_callback(telvo_client* client,
+                                                    telvo_initialized_callback callback,
+                                                    void* user_data);
+/* Debug lines from this client go to the log sink while set. */
+TELVO_API int telvo_client_set_debug(telvo_client* client, int debug);
+
+/* State: 1 or 0 in `*out`. */
+TELVO_API int telvo_client_is_initialized(const telvo_client* client, int* out);
+TELVO_API int telvo_client_is_throttled(const telvo_client* client, int* out);
+/* The session id the hello answer gave: its text when it is a JSON string,
+ * else its JSON text; "" before the client is initialised. Writes at most
+ * `size` bytes including the terminating NUL; `*needed` (when not null)
+ * receives the size the whole text needs, NUL included. A buffer that is too
+ * small gets TELVO_ERROR_BUFFER_TOO_SMALL and as much as fits. */
+TELVO_API int telvo_client_session_id(const telvo_client* client, char* buffer, size_t size,
+                                      size_t* needed);
+
+/* --- The library. */
+
+/* Every log line goes to `sink` (with `user_data`), from any library thread;
+ * null restores standard error. */
+typedef void (*telvo_log_sink)(const char* line, void* user_data);
+TELVO_API void telvo_set_log_sink(telvo_log_sink sink, void* user_data);
+/* Transport settings, for transports made afterwards: set them before the
+ * first client. A PEM file of certificates to trust instead of the system's
+ * (null: the system's). */
+TELVO_API int telvo_set_ca_file(const char* path);
+/* Seconds allowed to connect, and seconds without data before a request
+ * fails; 0 keeps the default. Each must be finite and within 0..3600. */
+TELVO_API int telvo_set_timeouts(double connect_seconds, double request_seconds);
+/* Stops the library's threads within `timeout_ms` (see telvo::shutdown in
+ * telvo/telvo.h): TELVO_OK when all have ended, else TELVO_ERROR_TIMEOUT.
+ * Clients refuse new work silently afterwards. */
+TELVO_API int telvo_shutdown(int64_t timeout_ms);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* TELVO_TELVO_C_H */
