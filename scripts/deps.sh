@@ -9,6 +9,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev libcpp-httplib-dev libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  dpkg-dev jq
 )
 
 missing=()

@@ -5,6 +5,8 @@
 // them. Empty results are reported as nothing. Pure functions; any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -18,29 +20,29 @@ namespace telvo {
 // output is one line, otherwise lines of exactly that many characters joined by
 // CR LF (a separator is only ever written after a complete 3-byte group).
 // Nothing for an empty input.
-std::optional<std::string> base64EncodedStringWithWrapWidth(const Bytes& bytes,
+TELVO_API std::optional<std::string> base64EncodedStringWithWrapWidth(const Bytes& bytes,
                                                             std::size_t wrapWidth);
-std::optional<std::string> base64EncodedStringWithWrapWidth(const std::uint8_t* bytes,
+TELVO_API std::optional<std::string> base64EncodedStringWithWrapWidth(const std::uint8_t* bytes,
                                                             std::size_t length,
                                                             std::size_t wrapWidth);
 // Same, unwrapped.
-std::optional<std::string> base64EncodedString(const Bytes& bytes);
+TELVO_API std::optional<std::string> base64EncodedString(const Bytes& bytes);
 
 // Decodes `text` read as ASCII: every byte of a non-ASCII character counts as a
 // character outside the alphabet, and an ASCII byte is looked up by its low
 // seven bits. Characters outside the alphabet (padding, white space, "-", "_")
 // are skipped wherever they stand; decoding never stops at "=". A lone
 // trailing character is dropped. Nothing when no byte results.
-std::optional<Bytes> dataWithBase64EncodedString(std::string_view text);
+TELVO_API std::optional<Bytes> dataWithBase64EncodedString(std::string_view text);
 
 // Text forms: the text's UTF-8 bytes are encoded (invalid UTF-8 sequences are
 // replaced by U+FFFD first); decoding yields nothing where the decoded bytes
 // are not valid UTF-8.
-std::optional<std::string> stringWithBase64EncodedString(std::string_view text);
-std::optional<std::string> base64EncodedStringWithWrapWidth(std::string_view text,
+TELVO_API std::optional<std::string> stringWithBase64EncodedString(std::string_view text);
+TELVO_API std::optional<std::string> base64EncodedStringWithWrapWidth(std::string_view text,
                                                             std::size_t wrapWidth);
-std::optional<std::string> base64EncodedString(std::string_view text);
-std::optional<std::string> base64DecodedString(std::string_view text);
-std::optional<Bytes> base64DecodedData(std::string_view text);
+TELVO_API std::optional<std::string> base64EncodedString(std::string_view text);
+TELVO_API std::optional<std::string> base64DecodedString(std::string_view text);
+TELVO_API std::optional<Bytes> base64DecodedData(std::string_view text);
 
 }  // namespace telvo

@@ -1,11 +1,13 @@
 // The wall clock: seconds since 1970-01-01 00:00 UTC, with fraction.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <memory>
 
 namespace telvo {
 
-class Clock {
+class TELVO_API Clock {
  public:
   // The process-wide clock (replaceable before clients are created).
   static std::shared_ptr<Clock> defaultClock();
@@ -16,7 +18,7 @@ class Clock {
 };
 
 // The system's real-time clock.
-class SystemClock : public Clock {
+class TELVO_API SystemClock : public Clock {
  public:
   double now() const override;
 };

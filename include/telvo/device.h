@@ -3,6 +3,8 @@
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,7 +13,7 @@ namespace telvo {
 
 class UserDefaults;
 
-class Device {
+class TELVO_API Device {
  public:
   // The process-wide device (replaceable before clients are created).
   static std::shared_ptr<Device> currentDevice();
@@ -33,7 +35,7 @@ class Device {
 // uname; model "Linux" unless set; vendor identifier made once at random and
 // kept in a user-defaults store under "telvoDeviceIdentifier" (read, and
 // made if missing, on the first call to identifierForVendor).
-class SystemDevice : public Device {
+class TELVO_API SystemDevice : public Device {
  public:
   // Keeps the vendor identifier in the standard user defaults as they are now.
   SystemDevice();

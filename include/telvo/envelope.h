@@ -3,6 +3,8 @@
 // error post carries it.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -14,7 +16,7 @@ namespace telvo {
 
 // The body for `json` (sent as it stands, not escaped). Nothing when a layer
 // fails; the caller then sends the request without a body.
-std::optional<Bytes> buildTelvoJsonParameter(std::string_view json);
+TELVO_API std::optional<Bytes> buildTelvoJsonParameter(std::string_view json);
 
 // The request conventions shared by every post.
 inline constexpr const char* kEnvelopeContentType = "application/x-gzip";
@@ -38,7 +40,7 @@ inline constexpr std::size_t kDefaultMaxInflatedBytes = std::size_t{64} << 20;  
 // is one that inflates to more than `maxInflatedBytes` (inflating stops
 // there). A document nested deeper than 128 arrays and objects is a kJson
 // failure. Never throws; any thread.
-struct DecodedEnvelope {
+struct TELVO_API DecodedEnvelope {
   enum class Failure { kNone, kBase64, kZlib, kUtf8, kPrefix, kJson };
   Failure failure = Failure::kNone;
   std::string message;  // one line saying what failed, empty on success
@@ -46,7 +48,7 @@ struct DecodedEnvelope {
   Json document;        // the parsed document (when failure is kNone)
   bool ok() const { return failure == Failure::kNone; }
 };
-DecodedEnvelope decodeTelvoJsonParameter(std::string_view body,
+TELVO_API DecodedEnvelope decodeTelvoJsonParameter(std::string_view body,
                                          std::size_t maxInflatedBytes = kDefaultMaxInflatedBytes);
 
 }  // namespace telvo

@@ -6,6 +6,8 @@
 // threads.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <memory>
 #include <string>
 
@@ -13,7 +15,7 @@
 
 namespace telvo {
 
-class Event {
+class TELVO_API Event {
  public:
   Event() = default;
 

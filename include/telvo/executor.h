@@ -12,13 +12,15 @@
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <functional>
 #include <memory>
 
 namespace telvo {
 
 // A repeating timer created by Executor::scheduleRepeating.
-class Timer {
+class TELVO_API Timer {
  public:
   virtual ~Timer() = default;
   // Stops all future firings. Idempotent; callable from any thread, including
@@ -34,7 +36,7 @@ class Timer {
 // included) is raised to it, so a bad setting cannot make a timer spin.
 inline constexpr double kMinimumTimerInterval = 0.1;  // seconds
 
-class Executor {
+class TELVO_API Executor {
  public:
   virtual ~Executor() = default;
 
@@ -56,17 +58,17 @@ class Executor {
 
 // The process-wide main queue. Default: one library-owned thread (created on
 // first use, stopped at process exit with a deadline).
-std::shared_ptr<Executor> mainQueue();
-void setMainQueue(std::shared_ptr<Executor> queue);
+TELVO_API std::shared_ptr<Executor> mainQueue();
+TELVO_API void setMainQueue(std::shared_ptr<Executor> queue);
 
 // The process-wide background queue for error reports. Default: one
 // low-priority library-owned thread.
-std::shared_ptr<Executor> backgroundQueue();
-void setBackgroundQueue(std::shared_ptr<Executor> queue);
+TELVO_API std::shared_ptr<Executor> backgroundQueue();
+TELVO_API void setBackgroundQueue(std::shared_ptr<Executor> queue);
 
 // Waits until everything posted to `queue` before the call has run, at most
 // `timeout` seconds; true when it has. Never call it on `queue` itself (it
 // would wait out its time-out).
-bool drain(Executor& queue, double timeout);
+TELVO_API bool drain(Executor& queue, double timeout);
 
 }  // namespace telvo

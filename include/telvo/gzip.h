@@ -5,6 +5,8 @@
 // accepts only that form. Failures give nothing. Pure functions; any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -13,8 +15,8 @@
 
 namespace telvo {
 
-std::optional<Bytes> compressedDataWithBytes(const void* bytes, std::uint32_t length);
-std::optional<Bytes> compressedDataWithData(const Bytes& data);
+TELVO_API std::optional<Bytes> compressedDataWithBytes(const void* bytes, std::uint32_t length);
+TELVO_API std::optional<Bytes> compressedDataWithData(const Bytes& data);
 
 // Inflates through one 128 KiB chunk and stops on the first pass that does not
 // fill it: a truncated stream gives the prefix decoded so far (nothing if that
@@ -22,9 +24,9 @@ std::optional<Bytes> compressedDataWithData(const Bytes& data);
 // are ignored; empty input, gzip files and raw deflate data give nothing.
 // With `maxLength`, output that would grow beyond it gives nothing as soon as
 // it does (a small stream that inflates to gigabytes costs nothing more).
-std::optional<Bytes> dataWithCompressedBytes(const void* bytes, std::uint32_t length,
+TELVO_API std::optional<Bytes> dataWithCompressedBytes(const void* bytes, std::uint32_t length,
                                              std::optional<std::size_t> maxLength = std::nullopt);
-std::optional<Bytes> dataWithCompressedData(const Bytes& data,
+TELVO_API std::optional<Bytes> dataWithCompressedData(const Bytes& data,
                                             std::optional<std::size_t> maxLength = std::nullopt);
 
 }  // namespace telvo

@@ -2,6 +2,8 @@
 // cookie storage that requests with cookie handling use.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -26,7 +28,7 @@ inline constexpr const char* HTTPCookieMaximumAge = "Max-Age";  // seconds, as t
 inline constexpr const char* HTTPCookieSecure = "Secure";       // "TRUE" when set
 inline constexpr const char* HTTPCookieHttpOnly = "HttpOnly";   // "TRUE" when set
 
-class HTTPCookie {
+class TELVO_API HTTPCookie {
  public:
   // Parses every Set-Cookie field of `headers` against `url` (RFC 6265): the
   // default domain is the URL's host, the default path comes from the URL's
@@ -74,7 +76,7 @@ class HTTPCookie {
 enum class HTTPCookieAcceptPolicy { Always = 0, Never = 1, OnlyFromMainDocumentDomain = 2 };
 
 // Thread safety: every member function may be called from any thread.
-class HTTPCookieStorage {
+class TELVO_API HTTPCookieStorage {
  public:
   // The jar every libcurl transport uses unless given its own. Expiry is
   // judged by the system clock.

@@ -3,6 +3,8 @@
 // the configuration's missing-key messages are always written.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <functional>
 #include <string>
 
@@ -12,9 +14,9 @@ using LogSink = std::function<void(const std::string& line)>;
 
 // Replaces the sink; an empty function restores standard error. The sink is
 // called without any library lock held, from any thread.
-void setLogSink(LogSink sink);
+TELVO_API void setLogSink(LogSink sink);
 
 // Writes one line (no trailing newline needed).
-void log(const std::string& line);
+TELVO_API void log(const std::string& line);
 
 }  // namespace telvo

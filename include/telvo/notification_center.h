@@ -8,6 +8,8 @@
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -31,12 +33,12 @@ inline constexpr const char* UIApplicationWillEnterForegroundNotification =
 // is the session id.
 inline constexpr const char* TelvoSessionIDReceivedNotification = "TelvoSessionIDReceived";
 
-struct Notification {
+struct TELVO_API Notification {
   std::string name;
   Json object;  // null when the poster gave none
 };
 
-class NotificationCenter {
+class TELVO_API NotificationCenter {
  public:
   using Handler = std::function<void(const Notification&)>;
 

@@ -15,6 +15,8 @@
 // A plain value: copy it freely; it holds shared references only.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <memory>
 
 namespace telvo {
@@ -26,7 +28,7 @@ class NotificationCenter;
 class TelvoTransport;
 class UserDefaults;
 
-struct Platform {
+struct TELVO_API Platform {
   // Capture, the queue, the flush and the batch timer run here.
   std::shared_ptr<Executor> mainQueue;
   // Error reports are built here.

@@ -67,6 +67,8 @@
 //     bad bytes.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -88,7 +90,7 @@ namespace telvo {
 
 struct Notification;
 
-class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this<Telvo> {
+class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this<Telvo> {
  public:
   // Registers for the three application notifications (entering the
   // background and terminating stop the batch timer, returning to the
@@ -246,6 +248,6 @@ class Telvo : public TelvoTransportDelegate, public std::enable_shared_from_this
 // at once. Call it before unloading the library or before fork() in a
 // process that goes on using the library in the child; call flush first to
 // send what is queued. The library cannot be started again in this process.
-bool shutdown(std::chrono::milliseconds timeout);
+TELVO_API bool shutdown(std::chrono::milliseconds timeout);
 
 }  // namespace telvo

@@ -7,6 +7,8 @@
 // it to a client.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <memory>
 #include <optional>
 #include <set>
@@ -20,15 +22,15 @@ namespace telvo {
 
 // Default base of the configuration location (an HTTPS location whose path is
 // "/mdrv/telvo/config/"). The host may reassign it before making configurations.
-extern std::string TelvoConfigBaseURL;
+extern TELVO_API std::string TelvoConfigBaseURL;
 // Name of the configuration document in each site's folder: "telvoanalytics.json".
-extern std::string TelvoConfigFile;
+extern TELVO_API std::string TelvoConfigFile;
 // 1.0
-extern const double TelvoVersionNumber;
+extern TELVO_API const double TelvoVersionNumber;
 // "@(#)PROGRAM:Telvo  PROJECT:Telvo-1" followed by a line feed.
-extern const unsigned char TelvoVersionString[];
+extern TELVO_API const unsigned char TelvoVersionString[];
 
-class TelvoConfig {
+class TELVO_API TelvoConfig {
  public:
   // Every property unset, batchDisabled false.
   TelvoConfig() = default;

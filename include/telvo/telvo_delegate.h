@@ -1,12 +1,14 @@
 // TelvoDelegate: what a host implements to hear that a client became ready.
 #pragma once
 
+#include "telvo/export.h"
+
 namespace telvo {
 
 // A client holds its delegate weakly (Telvo::setDelegate) and never keeps it
 // alive. Its one operation is optional: a delegate that wants it overrides
 // both members below; otherwise the client calls nothing.
-class TelvoDelegate {
+class TELVO_API TelvoDelegate {
  public:
   virtual ~TelvoDelegate() = default;
 

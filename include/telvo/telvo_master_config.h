@@ -4,6 +4,8 @@
 // so it may be read from any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -15,7 +17,7 @@
 
 namespace telvo {
 
-class TelvoMasterConfig {
+class TELVO_API TelvoMasterConfig {
  public:
   // Reads `document`: its "default" section with the document keys, then,
   // when `environment` is given, is not "default" and names a section of the

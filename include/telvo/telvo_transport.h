@@ -15,6 +15,8 @@
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -35,7 +37,7 @@ inline constexpr std::int32_t kConfigurationContext = 0;  // the configuration f
 inline constexpr std::int32_t kHelloContext = 2;          // the hello
 inline constexpr std::int32_t kPostContext = 3;           // batch and error posts
 
-class TelvoTransportDelegate {
+class TELVO_API TelvoTransportDelegate {
  public:
   virtual ~TelvoTransportDelegate() = default;
   // The response was received and handed to the JSON parser. `result` is the
@@ -50,7 +52,7 @@ class TelvoTransportDelegate {
   virtual std::shared_ptr<UserDefaults> cookieStore() const { return nullptr; }
 };
 
-class TelvoTransport {
+class TELVO_API TelvoTransport {
  public:
   // Settings of the libcurl transport; take effect for transports made after
   // they are set (so set them before the first sharedTransport()).

@@ -9,6 +9,8 @@
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,7 +19,7 @@
 
 namespace telvo {
 
-class ThreadExecutor : public Executor {
+class TELVO_API ThreadExecutor : public Executor {
  public:
   struct Options {
     std::string name = "telvo-main";  // thread name, also used in log lines

@@ -1,6 +1,8 @@
 // Vocabulary types shared by every part of the library.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -16,7 +18,7 @@ using Bytes = std::vector<std::uint8_t>;
 using Json = nlohmann::json;
 
 // A failure handed to a delegate (transfer errors, parse errors).
-struct Error {
+struct TELVO_API Error {
   std::string domain;  // "telvo.transport" for transfer failures, "telvo.json" for parse failures
   std::int64_t code = 0;
   std::string message;
@@ -25,7 +27,7 @@ struct Error {
 // Thrown on the caller's thread for a usage error: a missing value where a
 // record is built, an unknown key in an environment section, and the like.
 // Never thrown on a library thread.
-class UsageError : public std::invalid_argument {
+class TELVO_API UsageError : public std::invalid_argument {
  public:
   using std::invalid_argument::invalid_argument;
 };

@@ -5,13 +5,15 @@
 // All functions here are pure and safe to call from any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <optional>
 #include <string>
 #include <utility>
 
 namespace telvo {
 
-class URL {
+class TELVO_API URL {
  public:
   // Parses `text` as an absolute URL with a scheme (no base URL, no guessing of
   // a scheme, no further escaping). Nothing where libcurl refuses it.
@@ -51,12 +53,12 @@ inline bool operator!=(const URL& a, const URL& b) { return !(a == b); }
 // "http://" (case-sensitive prefix test) to "https://". Only the first 13
 // characters are searched, so an "http://" later in the text is never touched.
 // Nothing where the (possibly rewritten) text is not a URL.
-std::optional<URL> URLWithURLStringConversion(const std::string& text);
+TELVO_API std::optional<URL> URLWithURLStringConversion(const std::string& text);
 
 // Percent-encodes `text` for use inside a query or form value: every byte
 // that is not legal in a URL (space, controls, non-ASCII as UTF-8 %XX) plus
 // the 19 characters !*'();:@&=+$,/?%#[] are escaped as %XX (upper-case hex);
 // letters, digits and - _ . ~ pass unchanged.
-std::string urlEncode(const std::string& text);
+TELVO_API std::string urlEncode(const std::string& text);
 
 }  // namespace telvo

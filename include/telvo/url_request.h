@@ -2,6 +2,8 @@
 // handed to the transport.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <optional>
 #include <string>
 #include <utility>
@@ -15,7 +17,7 @@ namespace telvo {
 // Header fields in insertion order. Names compare case-insensitively.
 using HTTPHeaderFields = std::vector<std::pair<std::string, std::string>>;
 
-struct URLRequest {
+struct TELVO_API URLRequest {
   URLRequest() = default;
   explicit URLRequest(std::optional<URL> url, int cachePolicy = 0, double timeoutInterval = 60.0)
       : url(std::move(url)), cachePolicy(cachePolicy), timeoutInterval(timeoutInterval) {}

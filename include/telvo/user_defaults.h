@@ -5,6 +5,8 @@
 // Thread safety: every member function may be called from any thread.
 #pragma once
 
+#include "telvo/export.h"
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,7 +15,7 @@
 
 namespace telvo {
 
-class UserDefaults {
+class TELVO_API UserDefaults {
  public:
   // The process-wide store. Default: a FileUserDefaults at defaultPath(),
   // created on first use. Replaceable before clients are created.
@@ -32,7 +34,7 @@ class UserDefaults {
 // Values in memory only. Public because hosts need it: a device without
 // writable storage (a read-only root file system) keeps the cookie for the
 // life of the process this way; tests use it too.
-class MemoryUserDefaults : public UserDefaults {
+class TELVO_API MemoryUserDefaults : public UserDefaults {
  public:
   MemoryUserDefaults();
   ~MemoryUserDefaults() override;
@@ -50,7 +52,7 @@ class MemoryUserDefaults : public UserDefaults {
 // with one log line); `synchronize` writes atomically (temporary file in the
 // same folder, fsync, rename), so a crash leaves the old or the new content.
 // An unwritable folder keeps values in memory, with one log line.
-class FileUserDefaults : public UserDefaults {
+class TELVO_API FileUserDefaults : public UserDefaults {
  public:
   explicit FileUserDefaults(std::string path);
   ~FileUserDefaults() override;

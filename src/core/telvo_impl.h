@@ -23,7 +23,7 @@
 
 namespace telvo {
 
-struct Telvo::Impl {
+struct TELVO_LOCAL Telvo::Impl {
   Impl(Telvo& owner, const Platform& platform, std::shared_ptr<TelvoConfig> config,
        std::string property, std::string environment);
 

@@ -13,7 +13,7 @@ using encoding::hostOf;
 using encoding::lowercase;
 using encoding::pathMatches;
 
-struct HTTPCookieStorage::State {
+struct TELVO_LOCAL HTTPCookieStorage::State {
   struct Stored {
     HTTPCookie cookie;
     std::uint64_t order;

@@ -198,7 +198,7 @@ std::optional<Json> parseDefaultsFile(std::string_view text) {
 
 }  // namespace platform
 
-struct FileUserDefaults::State {
+struct TELVO_LOCAL FileUserDefaults::State {
   std::string path;
   mutable std::mutex mutex;  // guards everything below
   Json values = Json::object();

@@ -5,7 +5,7 @@
 
 namespace telvo {
 
-struct MemoryUserDefaults::State {
+struct TELVO_LOCAL MemoryUserDefaults::State {
   mutable std::mutex mutex;
   std::map<std::string, Json> values;
 };

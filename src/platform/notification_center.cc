@@ -29,7 +29,7 @@ platform::ProcessDefault<NotificationCenter>& holder() {
 
 }  // namespace
 
-struct NotificationCenter::State {
+struct TELVO_LOCAL NotificationCenter::State {
   std::mutex mutex;  // guards `registrations`
   std::unordered_map<std::string, std::vector<Registration>> registrations;
 };

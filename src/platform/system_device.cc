@@ -9,7 +9,7 @@ namespace {
 constexpr const char* kIdentifierKey = "telvoDeviceIdentifier";
 }  // namespace
 
-struct SystemDevice::State {
+struct TELVO_LOCAL SystemDevice::State {
   std::shared_ptr<UserDefaults> defaults;
   const std::string systemVersion = system_info::systemVersion();
   const std::string machine = system_info::machine();

@@ -58,7 +58,7 @@ void runGuarded(const std::string& name, const std::function<void()>& work) {
 
 }  // namespace
 
-struct ThreadExecutor::Core {
+struct TELVO_LOCAL ThreadExecutor::Core {
   Options options;
 
   std::mutex mutex;  // guards everything below except `thread`
