@@ -93,6 +93,18 @@ void Telvo::sendEvent(const std::string& name, std::optional<Json> data) {
 void Telvo::sendError(Json code, std::optional<Json> details) {
   _impl->sendError(std::move(code), std::move(details));
 }
+void Telvo::sendEvent(std::string_view name, std::initializer_list<Field> data) {
+  _impl->sendEvent(name, data.begin(), data.size());
+}
+void Telvo::sendEvent(std::string_view name, const Field* fields, std::size_t count) {
+  _impl->sendEvent(name, fields, count);
+}
+void Telvo::sendError(Json code, std::initializer_list<Field> details) {
+  _impl->sendError(std::move(code), details.begin(), details.size());
+}
+void Telvo::sendError(Json code, const Field* details, std::size_t count) {
+  _impl->sendError(std::move(code), details, count);
+}
 void Telvo::startTimer(const Notification*) { _impl->startTimer(); }
 void Telvo::stopTimer(const Notification*) { _impl->stopTimer(); }
 void Telvo::timedPost(const Timer*) {
