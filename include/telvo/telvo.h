@@ -13,6 +13,7 @@
 //   auto client = telvo::Telvo::create(config, "property", "production");
 //   client->setDelegate(myDelegate);            // told when initialised
 //   client->sendEvent("play", telvo::Json{{"title", "Intro"}});
+//   client->sendEvent("play", {{"title", "Intro"}, {"position", 12}});  // no Json tree
 //   client->sendError(42, telvo::Json{{"where", "player"}});
 //
 // Threads. Every public member function may be called from any thread and
@@ -42,6 +43,9 @@
 //     UsageError on the caller's thread. Error details likewise.
 //   - Event data holding a number JSON cannot represent (NaN, infinity) is
 //     dropped at capture with a log line; nothing is queued for that call.
+//   - Event data or error details given as fields with a RawJson value that
+//     is not JSON (or nests more than 128 deep) throw UsageError on the
+//     caller's thread, once the call has passed the acceptance test.
 //   - A no-data event on a configuration without appName is dropped with a
 //     log line. A setting that holds a JSON null (TelvoConfig::holdsNull,
 //     TelvoMasterConfig::holdsNull) is present: events, error reports and
@@ -70,7 +74,9 @@
 #include "telvo/export.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -79,6 +85,7 @@
 
 #include "telvo/event.h"
 #include "telvo/executor.h"
+#include "telvo/field.h"
 #include "telvo/platform.h"
 #include "telvo/telvo_config.h"
 #include "telvo/telvo_delegate.h"
@@ -120,12 +127,33 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
   // count in count batching). Throws UsageError when `data` is not an object.
   void sendEvent(const std::string& name, std::optional<Json> data = std::nullopt);
 
+  // The same with the data as a flat list of fields (see field.h), which
+  // costs the caller no Json tree:
+  //   client->sendEvent("play", {{"title", "Intro"}, {"position", 12}});
+  // The fields are written straight into the queued text on the calling
+  // thread, after the acceptance test (a refused event costs nothing more).
+  // The payload is the one the Json path sends for Json{...} of the same
+  // fields: where keys repeat the first wins, a "timestamp" field gives way
+  // to the client's, and an empty list is no data. A number JSON cannot
+  // represent drops the event with a log line. Throws UsageError when a
+  // RawJson value is not JSON (checked only for an accepted event).
+  void sendEvent(std::string_view name, std::initializer_list<Field> data);
+  // For bindings (C and others): the `count` fields at `fields` (which may
+  // be null when `count` is 0).
+  void sendEvent(std::string_view name, const Field* fields, std::size_t count);
+
   // Posts one error report at once: {"sessionId", "data": {"applicationName",
   // "timestamp", "errorCode": code} plus every entry of `details`, which win}.
   // Dropped silently unless initialised (throttling does not stop it). Built
   // and sent from the background queue. Throws UsageError when `details` is
   // not an object.
   void sendError(Json code, std::optional<Json> details = std::nullopt);
+  // The same with the details as a flat list of fields (see field.h and the
+  // flat sendEvent): equal keys, the first wins; an empty list is no
+  // details; non-finite numbers are sent as null. Throws UsageError when a
+  // RawJson value is not JSON (checked only when the report is accepted).
+  void sendError(Json code, std::initializer_list<Field> details);
+  void sendError(Json code, const Field* details, std::size_t count);
 
   // Starts the repeating batch timer on the main queue, every `batchAmount`
   // seconds (floored at kMinimumTimerInterval), whatever the batch mode;

@@ -1,6 +1,7 @@
 // Error reports: posted at once, built on the background queue.
 #include "core/telvo_impl.h"
 #include "delivery/error_post.h"
+#include "encoding/field_text.h"
 #include "encoding/json_text.h"
 #include "telvo/log.h"
 
@@ -30,7 +31,37 @@ void Telvo::Impl::sendError(Json code, std::optional<Json> details) {
       });
 }
 
-void Telvo::Impl::postErrorReport(const Json& code, const std::optional<Json>& details,
+void Telvo::Impl::sendError(Json code, const Field* details, std::size_t count) {
+  if (count == 0) return sendError(std::move(code), std::nullopt);
+  if (!initialized.load(std::memory_order_acquire)) return;
+  if (code.is_null()) {
+    log("Telvo: error report dropped: its error code is null");
+    return;
+  }
+  // Written here: the fields view the caller's values, which do not outlive
+  // the call.
+  delivery::WrittenDetails written;
+  encoding::appendFields(written.members, details, count, encoding::NonFinite::kNull);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::string_view key = details[i].key();
+    written.applicationName |= key == "applicationName";
+    written.timestamp |= key == "timestamp";
+    written.errorCode |= key == "errorCode";
+  }
+  if (debugging()) log("Reporting error: " + encoding::describeJson(&code));
+  platform.backgroundQueue->post(
+      [self = self(), code = std::move(code), written = std::move(written),
+       ticket = deliveries->begin()] {
+        try {
+          self->_impl->postErrorReport(code, written, ticket);
+        } catch (const std::exception& e) {
+          log(std::string("Telvo: error report dropped: ") + e.what());
+        }
+      });
+}
+
+template <typename Details>
+void Telvo::Impl::postErrorReport(const Json& code, const Details& details,
                                   std::shared_ptr<core::Deliveries::Ticket> ticket) {
   const Snapshot current = snapshot();
   const auto appName = applicationName(current.config.get());
@@ -38,10 +69,8 @@ void Telvo::Impl::postErrorReport(const Json& code, const std::optional<Json>& d
     log("Telvo: error report dropped: the configuration has no appName");
     return;
   }
-  const std::string json =
-      delivery::ErrorPost::write(*current.session, *appName,
-                                 wholeMilliseconds(serviceMilliseconds()), code,
-                                 details);
+  const std::string json = delivery::ErrorPost::write(
+      *current.session, *appName, wholeMilliseconds(serviceMilliseconds()), code, details);
   if (debugging()) log("Payload: " + json);
   std::optional<std::string> servicesUrl;
   if (current.master) servicesUrl = current.master->servicesUrl();

@@ -98,6 +98,22 @@ void Telvo::sendError(Json code, std::optional<Json> details) {
   if (core::stopped()) return;
   _impl->sendError(std::move(code), std::move(details));
 }
+void Telvo::sendEvent(std::string_view name, std::initializer_list<Field> data) {
+  if (core::stopped()) return;
+  _impl->sendEvent(name, data.begin(), data.size());
+}
+void Telvo::sendEvent(std::string_view name, const Field* fields, std::size_t count) {
+  if (core::stopped()) return;
+  _impl->sendEvent(name, fields, count);
+}
+void Telvo::sendError(Json code, std::initializer_list<Field> details) {
+  if (core::stopped()) return;
+  _impl->sendError(std::move(code), details.begin(), details.size());
+}
+void Telvo::sendError(Json code, const Field* details, std::size_t count) {
+  if (core::stopped()) return;
+  _impl->sendError(std::move(code), details, count);
+}
 void Telvo::startTimer(const Notification*) {
   if (core::stopped()) return;
   _impl->startTimer();

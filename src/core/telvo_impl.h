@@ -14,10 +14,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/deliveries.h"
 #include "core/event_queue.h"
+#include "delivery/error_post.h"
 #include "telvo/platform.h"
 #include "telvo/telvo.h"
 
@@ -29,13 +31,18 @@ struct TELVO_LOCAL Telvo::Impl {
 
   // --- Capture (capture.cc).
   void sendEvent(const std::string& name, std::optional<Json> data);
+  void sendEvent(std::string_view name, const Field* fields, std::size_t count);
   // Main queue: captures every pending event in submission order.
   void drainPendingEvents();
 
   // --- Error reports (error_report.cc).
   void sendError(Json code, std::optional<Json> details);
-  // Background queue: builds and posts one report; `ticket` goes with it.
-  void postErrorReport(const Json& code, const std::optional<Json>& details,
+  void sendError(Json code, const Field* details, std::size_t count);
+  // Background queue: builds and posts one report, with the details as a
+  // Json object or as members already written (see ErrorPost::write);
+  // `ticket` goes with it.
+  template <typename Details>
+  void postErrorReport(const Json& code, const Details& details,
                        std::shared_ptr<core::Deliveries::Ticket> ticket);
 
   // --- Start-up and answers (startup.cc).
@@ -86,7 +93,7 @@ struct TELVO_LOCAL Telvo::Impl {
   std::atomic<std::int64_t> postCount{0};
 
   mutable std::mutex mutex;
-  std::shared_ptr<const Json> sessionID;  // guarded by mutex
+  std::shared_ptr<const Json> sessionID;                  // guarded by mutex
   std::shared_ptr<const TelvoMasterConfig> masterConfig;  // guarded by mutex
   std::weak_ptr<TelvoDelegate> delegate;                  // guarded by mutex
   std::shared_ptr<TelvoConfig> config;                    // guarded by mutex
@@ -108,15 +115,27 @@ struct TELVO_LOCAL Telvo::Impl {
   // drain to the main queue only when none is pending, so a busy main queue
   // costs the caller no wake-up per event.
   struct PendingEvent {
+    // The Json path: the name and the data as given.
     std::string name;
     std::optional<Json> data;
+    // Fields: the name, then the members already written (",\"k\":v..."),
+    // at `textOffset` in pendingText.
+    bool fields = false;
+    std::size_t textOffset = 0, nameLength = 0, membersLength = 0;
   };
   std::mutex pendingMutex;
   std::vector<PendingEvent> pending;  // guarded by pendingMutex
+  std::string pendingText;            // guarded by pendingMutex
   bool drainScheduled = false;        // guarded by pendingMutex
+  // The drain's side of the pending buffers; main queue only.
+  std::vector<PendingEvent> drained;
+  std::string drainedText;
 
  private:
-  void captureEvent(PendingEvent& pending, const Snapshot& snapshot);
+  // Posts a drain of the pending events (the caller found none posted);
+  // `name` is the event that asked, for the log.
+  void postDrain(std::string_view name);
+  void captureEvent(PendingEvent& pending, std::string_view pendingText, const Snapshot& snapshot);
   void handleConfiguration(const std::optional<Json>& result);
   void handleHello(const std::optional<Json>& result);
 };

@@ -22,6 +22,26 @@ std::string ErrorPost::write(const Json& sessionId, const Json& applicationName,
   return encoding::dumpJson(payload);
 }
 
+std::string ErrorPost::write(const Json& sessionId, const Json& applicationName,
+                             std::int64_t timestamp, const Json& code,
+                             const WrittenDetails& details) {
+  // Every member is written with a comma in front; the first becomes the
+  // object's opening brace.
+  std::string data;
+  if (!details.applicationName)
+    data += ",\"applicationName\":" + encoding::dumpJson(applicationName);
+  if (!details.timestamp) data += ",\"timestamp\":" + std::to_string(timestamp);
+  if (!details.errorCode) data += ",\"errorCode\":" + encoding::dumpJson(code);
+  data += details.members;
+  if (data.empty()) {
+    data = "{";
+  } else {
+    data[0] = '{';
+  }
+  data += '}';
+  return "{\"sessionId\":" + encoding::dumpJson(sessionId) + ",\"data\":" + data + "}";
+}
+
 URLRequest ErrorPost::request(const std::optional<std::string>& servicesUrl,
                               std::string_view payload) {
   return encoding::envelopeRequest(encoding::textOrNull(servicesUrl) + "/api/postEvent/error",

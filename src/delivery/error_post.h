@@ -13,6 +13,16 @@
 namespace telvo {
 namespace delivery {
 
+// Error details given as fields, written on the caller's thread: their
+// members (",\"k\":v...", see encoding::appendFields) and which of the
+// report's own members they replace.
+struct WrittenDetails {
+  std::string members;
+  bool applicationName = false;
+  bool timestamp = false;
+  bool errorCode = false;
+};
+
 struct ErrorPost {
   // {"sessionId": sessionId, "data": {"applicationName", "timestamp",
   // "errorCode": code} plus every member of `details`, which win}. Invalid
@@ -20,6 +30,10 @@ struct ErrorPost {
   static std::string write(const Json& sessionId, const Json& applicationName,
                            std::int64_t timestamp, const Json& code,
                            const std::optional<Json>& details);
+  // The same payload with details already written; parses as the one above
+  // for the same details.
+  static std::string write(const Json& sessionId, const Json& applicationName,
+                           std::int64_t timestamp, const Json& code, const WrittenDetails& details);
 
   // The POST of `payload` to servicesUrl + "/api/postEvent/error" (an absent
   // servicesUrl reads "(null)").

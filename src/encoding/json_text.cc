@@ -1,8 +1,11 @@
 #include "encoding/json_text.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+
+#include "encoding/utf8.h"
 
 namespace telvo {
 namespace encoding {
@@ -96,15 +99,35 @@ double numberValue(const Json& value) {
   return 0;
 }
 
-void appendJsonString(std::string& out, std::string_view text) {
-  // Plain printable ASCII is by far the common case for event names; anything
-  // else goes through the JSON writer, which escapes and repairs UTF-8.
+namespace {
+
+// Bytes a JSON string cannot hold as they stand.
+constexpr std::array<bool, 256> kEscaped = [] {
+  std::array<bool, 256> table{};
+  for (int byte = 0; byte < 0x20; ++byte) table[byte] = true;
+  table['"'] = true;
+  table['\\'] = true;
+  return table;
+}();
+
+}  // namespace
+
+bool writesAsIs(std::string_view text) {
+  unsigned high = 0;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte >= 0x7f || c == '"' || c == '\\') {
-      out += dumpJson(Json(std::string(text)));
-      return;
-    }
+    if (kEscaped[byte]) return false;
+    high |= byte;
+  }
+  return high < 0x80 || utf8::isValid(text);
+}
+
+void appendJsonString(std::string& out, std::string_view text) {
+  // Text without escapes in valid UTF-8 is by far the common case; anything
+  // else goes through the JSON writer, which escapes and repairs UTF-8.
+  if (!writesAsIs(text)) {
+    out += dumpJson(Json(std::string(text)));
+    return;
   }
   out += '"';
   out += text;

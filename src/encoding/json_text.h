@@ -54,7 +54,11 @@ bool truthValue(const Json& value);
 // A number read from a JSON number, or from text holding one; 0 otherwise.
 double numberValue(const Json& value);
 
-// Appends `text` to `out` as a JSON string literal.
+// True when `text` goes into a JSON string literal as it stands: valid
+// UTF-8 without control characters, quotes or backslashes.
+bool writesAsIs(std::string_view text);
+
+// Appends `text` to `out` as a JSON string literal, as dumpJson writes it.
 void appendJsonString(std::string& out, std::string_view text);
 
 // Appends `value` to `out` as compact JSON, as dumpJson would write it (but

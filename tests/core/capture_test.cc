@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <deque>
+#include <random>
 
 #include "support/client_fixture.h"
 
@@ -135,6 +137,168 @@ TEST(Capture, RejectsDataThatIsNotAnObjectAndDropsNonFiniteNumbers) {
   ASSERT_EQ(client->batch().size(), 1u);
   EXPECT_EQ(client->batch()[0].name(), "ok");
   EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST(Capture, FieldsFollowTheCaptureRules) {
+  VirtualPlatform platform;
+  auto client = initializedClient(platform);
+  platform.clock->setNow(1700000000.0);
+  CapturedLog log;
+  client->sendEvent("play",
+                    {{"title", "Intro"}, {"position", 12}, {"live", false}, {"bitrate", 4.5}});
+  client->sendEvent("dup", {{"k", 1},
+                            {"timestamp", "host"},
+                            {"k", 2},
+                            {"none", nullptr},
+                            {"nested", Json{{"a", {1, 2}}}},
+                            {"raw", RawJson(R"( [1, {"b": true}] )")}});
+  const std::vector<Field> bound = {{"via", "pointer"}, {"n", 7u}};
+  client->sendEvent("binding", bound.data(), bound.size());
+  client->sendEvent("empty", {});
+  client->sendEvent("nan", {{"v", std::nan("")}});
+  EXPECT_THROW(client->sendEvent("bad", {{"r", RawJson(R"({"a":)")}}), UsageError);
+  EXPECT_THROW(client->sendEvent("deep", {{"r", RawJson(std::string(129, '['))}}), UsageError);
+  platform.settle();
+
+  const auto batch = client->batch();
+  ASSERT_EQ(batch.size(), 4u);
+  EXPECT_EQ(
+      batch[0].data(),
+      R"({"timestamp":1700000000000,"title":"Intro","position":12,"live":false,"bitrate":4.5})");
+  EXPECT_EQ(Json::parse(batch[1].data()), (Json{{"timestamp", 1700000000000},
+                                                {"k", 1},
+                                                {"none", nullptr},
+                                                {"nested", {{"a", {1, 2}}}},
+                                                {"raw", Json::parse(R"([1,{"b":true}])")}}));
+  EXPECT_EQ(Json::parse(batch[2].data()),
+            (Json{{"timestamp", 1700000000000}, {"via", "pointer"}, {"n", 7}}));
+  EXPECT_EQ(batch[3].data(), R"({"applicationName":"Player"})");
+  EXPECT_EQ(log.lines().size(), 1u);  // the NaN event
+
+  // Refused events cost nothing: not even their RawJson is looked at.
+  auto fresh = Telvo::create(testConfig(), "web", "prod", platform.record());
+  fresh->sendEvent("bad", {{"r", RawJson("{")}});
+  fresh->sendEvent("nan", {{"v", std::nan("")}});
+  platform.settle();
+  EXPECT_TRUE(fresh->batch().empty());
+  EXPECT_EQ(log.lines().size(), 1u);
+}
+
+// A random field list and, beside it, the Json a host would build from the
+// same braced list.
+struct RandomData {
+  std::deque<std::string> storage;  // what the fields view
+  std::deque<Json> nested;
+  std::vector<Field> fields;
+  Json json = Json::object();
+
+  explicit RandomData(std::mt19937_64& random) {
+    static const char* const kKeys[] = {"title",   "timestamp",   "a",  "\xC3\xA9t\xC3\xA9",
+                                        "q\"uote", "line\nbreak", "",   "position",
+                                        "k1",      "k2",          "k3", "\xE2\x82\xAC"};
+    static const char* const kPieces[] = {"a",
+                                          " ",
+                                          "\"",
+                                          "\\",
+                                          "\n",
+                                          "\x01",
+                                          "\x7f",
+                                          "\xC3\xA9",
+                                          "\xC3",
+                                          "\xFF",
+                                          "\xE2\x82\xAC",
+                                          "\xF0\x9F\x98\x80",
+                                          "\xED\xA0\x80",
+                                          "/"};
+    static const char* const kRaw[] = {
+        "[1, 2.5, {\"z\": null}]", " \"s\\u00e9\" ", "{\"a\":{\"b\":[]}}", "true", "-0", "1e2",
+        "{\"d\":1,\"d\":2}"};
+    auto pick = [&random](std::size_t n) { return static_cast<std::size_t>(random() % n); };
+    const std::size_t count = pick(4) == 0 ? pick(40) : pick(10);
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::string& key = storage.emplace_back(kKeys[pick(std::size(kKeys))]);
+      Json value;
+      switch (pick(9)) {
+        case 0: {
+          std::string& text = storage.emplace_back();
+          for (std::size_t n = pick(12); n > 0; --n) text += kPieces[pick(std::size(kPieces))];
+          fields.emplace_back(key, text);
+          value = text;
+          break;
+        }
+        case 1: {
+          const auto number = static_cast<std::int64_t>(random()) >> pick(64);
+          fields.emplace_back(key, number);
+          value = number;
+          break;
+        }
+        case 2: {
+          const std::uint64_t number = random() | (std::uint64_t{1} << 63);
+          fields.emplace_back(key, number);
+          value = number;
+          break;
+        }
+        case 3: {
+          double number = std::ldexp(static_cast<double>(random() % 1000003) - 500000,
+                                     static_cast<int>(pick(2000)) - 1000);
+          if (pick(8) == 0) number = -0.0;
+          fields.emplace_back(key, number);
+          value = number;
+          break;
+        }
+        case 4:
+          fields.emplace_back(key, pick(2) == 1);
+          value = fields.back().boolean();
+          break;
+        case 5:
+          fields.emplace_back(key, nullptr);
+          break;
+        case 6:
+          fields.emplace_back(key, static_cast<const char*>(nullptr));
+          break;
+        case 7: {
+          const Json& tree = nested.emplace_back(Json{{"x", {1, "y\xC3"}}, {"e", Json::object()}});
+          fields.emplace_back(key, tree);
+          value = tree;
+          break;
+        }
+        default: {
+          const char* raw = kRaw[pick(std::size(kRaw))];
+          fields.emplace_back(key, RawJson(raw));
+          value = Json::parse(raw);
+          break;
+        }
+      }
+      json.emplace(key, std::move(value));  // the first of equal keys wins
+    }
+  }
+};
+
+TEST(Capture, FieldsParseAsTheJsonPathOnRandomLists) {
+  VirtualPlatform platform;
+  auto client = initializedClient(platform);
+  std::mt19937_64 random(20261123);
+  constexpr int kLists = 400;
+  for (int i = 0; i < kLists; ++i) {
+    RandomData data(random);
+    // An empty list is no data, as sendEvent(name) is.
+    if (data.fields.empty()) {
+      client->sendEvent("e" + std::to_string(i));
+    } else {
+      client->sendEvent("e" + std::to_string(i), data.json);
+    }
+    client->sendEvent("e" + std::to_string(i), data.fields.data(), data.fields.size());
+  }
+  platform.settle();
+  client->dumpEvents();
+  platform.settle();
+  ASSERT_EQ(posts(platform), 1u);
+  const Json events =
+      RecordingTransport::decodedBody(platform.transport->withContext(3)[0].request)["events"];
+  ASSERT_EQ(events.size(), 2u * kLists);
+  for (std::size_t i = 0; i < events.size(); i += 2) {
+    EXPECT_EQ(events[i], events[i + 1]) << "list " << i / 2;
+  }
 }
 
 }  // namespace

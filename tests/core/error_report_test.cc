@@ -1,6 +1,8 @@
 // Error reports.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "support/client_fixture.h"
 
 namespace telvo {
@@ -77,6 +79,33 @@ TEST(ErrorReport, RejectsNullCodesAndDetailsThatAreNotObjects) {
   platform.settle();
   EXPECT_TRUE(platform.transport->withContext(3).empty());
   EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST(ErrorReport, FieldDetailsSendTheJsonPathsPayload) {
+  VirtualPlatform platform;
+  auto client = initializedClient(platform);
+  client->sendError(42, {{"K", "V"},
+                         {"errorCode", "mine"},
+                         {"errorCode", "second"},
+                         {"odd", std::nan("")},
+                         {"raw", RawJson(R"({"n": [1e308, 2]})")}});
+  client->sendError(42, Json{{"K", "V"},
+                             {"errorCode", "mine"},
+                             {"errorCode", "second"},
+                             {"odd", std::nan("")},
+                             {"raw", {{"n", {1e308, 2}}}}});
+  client->sendError(7, {});
+  EXPECT_THROW(client->sendError(1, {{"r", RawJson("nope")}}), UsageError);
+  platform.settle();
+
+  auto sent = platform.transport->withContext(3);
+  ASSERT_EQ(sent.size(), 3u);
+  const Json flat = RecordingTransport::decodedBody(sent[0].request);
+  EXPECT_EQ(flat, RecordingTransport::decodedBody(sent[1].request));
+  EXPECT_EQ(flat["data"]["errorCode"], "mine");
+  EXPECT_EQ(flat["data"]["odd"], nullptr);
+  EXPECT_EQ(flat["data"].size(), 6u);
+  EXPECT_EQ(lastErrorBody(platform)["data"].size(), 3u);
 }
 
 }  // namespace

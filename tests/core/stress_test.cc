@@ -63,8 +63,20 @@ TEST(Stress, EveryAcceptedEventReachesExactlyOnePost) {
   for (int t = 0; t < kThreads; ++t) {
     hosts.emplace_back([&, t] {
       for (int i = 0; i < kEvents; ++i) {
-        client->sendEvent(i % 50 == 0 ? "error" : "tick", Json{{"t", t}, {"i", i}});
-        if (i % (kEvents / kErrors) == 0) client->sendError(i, Json{{"t", t}});
+        const char* name = i % 50 == 0 ? "error" : "tick";
+        // Half the hosts give their data as fields, half as Json trees.
+        if (t % 2 == 0) {
+          client->sendEvent(name, Json{{"t", t}, {"i", i}});
+        } else {
+          client->sendEvent(name, {{"t", t}, {"i", i}});
+        }
+        if (i % (kEvents / kErrors) == 0) {
+          if (t % 2 == 0) {
+            client->sendError(i, Json{{"t", t}});
+          } else {
+            client->sendError(i, {{"t", t}});
+          }
+        }
         if (i % 300 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
       }
     });

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <random>
 
 namespace telvo {
 namespace {
@@ -49,6 +50,35 @@ TEST(JsonText, EventDataPutsTheClientsTimestampFirst) {
   out.clear();
   ASSERT_TRUE(appendJson(out, Json("\xC3\x28")));
   EXPECT_EQ(out, "\"\xEF\xBF\xBD(\"");
+}
+
+TEST(JsonText, StringsAreWrittenAsTheJsonWriterWritesThem) {
+  // Escapes, control characters, DEL, valid and broken UTF-8 (overlong,
+  // surrogate, truncated, above U+10FFFF).
+  static const char* const kPieces[] = {"a",
+                                        "\"",
+                                        "\\",
+                                        "\n",
+                                        "\x01",
+                                        "\x1f",
+                                        "\x7f",
+                                        "\xC3\xA9",
+                                        "\xC3",
+                                        "\xC0\xAF",
+                                        "\xED\xA0\x80",
+                                        "\xF0\x9F\x98\x80",
+                                        "\xF4\x90\x80\x80",
+                                        "\xE2\x82",
+                                        "\xFF",
+                                        "/"};
+  std::mt19937 random(14);
+  for (int i = 0; i < 2000; ++i) {
+    std::string text;
+    for (int n = random() % 8; n > 0; --n) text += kPieces[random() % std::size(kPieces)];
+    std::string out;
+    appendJsonString(out, text);
+    ASSERT_EQ(out, dumpJson(Json(text))) << "case " << i;
+  }
 }
 
 }  // namespace
