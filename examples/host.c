@@ -95,8 +95,14 @@ int main(int argc, char** argv) {
     printf("host.c: session %s\n", session);
   }
 
-  ok = check(telvo_send_event(client, "c_start", "{\"language\":\"C\",\"attempt\":1}"), "event") &&
-       check(telvo_send_event(client, "c_tick", NULL), "event") &&
+  /* Event data as flat fields (the cheap path) or as JSON text. */
+  const telvo_field start[] = {
+      {"language", TELVO_FIELD_TEXT, "C", 0, 0},
+      {"attempt", TELVO_FIELD_INTEGER, NULL, 1, 0},
+      {"details", TELVO_FIELD_JSON, "{\"compiler\":\"cc\"}", 0, 0},
+  };
+  ok = check(telvo_send_event_fields(client, "c_start", start, 3), "event") &&
+       check(telvo_send_event(client, "c_tick", "{\"tick\":1}"), "event") &&
        check(telvo_send_error(client, "\"C42\"", "{\"where\":\"host.c\"}"), "error report");
   /* Bad JSON is refused on the spot, and nothing is queued for it. */
   if (telvo_send_event(client, "c_broken", "{\"unterminated\":") != TELVO_ERROR_INVALID_JSON) {

@@ -93,6 +93,35 @@ TELVO_API void telvo_client_release(telvo_client* client);
  * Data that does not parse, is nested more than 128 levels deep or is not
  * an object gives TELVO_ERROR_INVALID_JSON and nothing is queued. */
 TELVO_API int telvo_send_event(telvo_client* client, const char* name, const char* data_json);
+/* One member of event data or error details, for the flat form below:
+ * `key` and a value of the kind `type` names. Nothing is copied before the
+ * call returns. */
+#define TELVO_FIELD_TEXT 0    /* `text` (UTF-8; a null `text` is written as null) */
+#define TELVO_FIELD_INTEGER 1 /* `integer` */
+#define TELVO_FIELD_NUMBER 2  /* `number`, which must be finite */
+#define TELVO_FIELD_BOOL 3    /* `integer`: 0 is false, anything else true */
+#define TELVO_FIELD_NULL 4
+#define TELVO_FIELD_JSON 5    /* `text` holds JSON text (checked, at most 128 levels deep) */
+typedef struct telvo_field {
+  const char* key;
+  int type;
+  const char* text;
+  int64_t integer;
+  double number;
+} telvo_field;
+
+/* Queues one event whose data is `count` fields, written straight into the
+ * queued text without building a JSON tree: the cheap path. `count` 0 (and
+ * `fields` null) is no data. The rules are those of telvo_send_event (the
+ * first of repeated keys counts; the client's "timestamp" wins). A field
+ * with a null key, an unknown type, a number that is not finite or JSON text
+ * that does not parse gives an error status and queues nothing. */
+TELVO_API int telvo_send_event_fields(telvo_client* client, const char* name,
+                                      const telvo_field* fields, size_t count);
+/* An error report whose details are `count` fields. */
+TELVO_API int telvo_send_error_fields(telvo_client* client, const char* code_json,
+                                      const telvo_field* fields, size_t count);
+
 /* Posts one error report at once. `code_json` is the error code as JSON text
  * ("42", "\"E42\""; not null); `details_json` a JSON object text or null. */
 TELVO_API int telvo_send_error(telvo_client* client, const char* code_json,

@@ -11,9 +11,11 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "config/event_names.h"
 #include "encoding/json_text.h"
+#include "telvo/field.h"
 #include "telvo/log.h"
 #include "telvo/telvo.h"
 #include "telvo/telvo_config.h"
@@ -63,9 +65,11 @@ struct telvo_client {
 namespace {
 
 thread_local std::string lastError;
+thread_local int lastStatus = TELVO_OK;
 
 int fail(int status, std::string message) {
   lastError = std::move(message);
+  lastStatus = status;
   return status;
 }
 
@@ -74,6 +78,7 @@ template <typename Body>
 int guarded(Body&& body) noexcept {
   try {
     lastError.clear();
+    lastStatus = TELVO_OK;
     return body();
   } catch (const telvo::UsageError& e) {
     return fail(TELVO_ERROR_INVALID_ARGUMENT, e.what());
@@ -115,6 +120,61 @@ bool objectArgument(const char* text, const char* what, std::optional<telvo::Jso
     return false;
   }
   out = std::move(value);
+  return true;
+}
+
+// The host's fields as the client's, checked first so that bad input queues
+// nothing. False (with the reason left) for a bad field.
+bool toFields(const telvo_field* fields, size_t count, std::vector<telvo::Field>& out) {
+  if (count > 0 && !fields) {
+    fail(TELVO_ERROR_NULL_ARGUMENT, "fields is null");
+    return false;
+  }
+  out.reserve(count);
+  for (size_t i = 0; i < count; ++i) {
+    const telvo_field& field = fields[i];
+    if (!field.key) {
+      fail(TELVO_ERROR_NULL_ARGUMENT, "field " + std::to_string(i) + " has no key");
+      return false;
+    }
+    const std::string_view key(field.key);
+    switch (field.type) {
+      case TELVO_FIELD_TEXT:
+        out.emplace_back(key, field.text);
+        break;
+      case TELVO_FIELD_INTEGER:
+        out.emplace_back(key, static_cast<std::int64_t>(field.integer));
+        break;
+      case TELVO_FIELD_NUMBER:
+        if (!std::isfinite(field.number)) {
+          fail(TELVO_ERROR_INVALID_ARGUMENT,
+               "field \"" + std::string(key) + "\" is not a finite number");
+          return false;
+        }
+        out.emplace_back(key, field.number);
+        break;
+      case TELVO_FIELD_BOOL:
+        out.emplace_back(key, field.integer != 0);
+        break;
+      case TELVO_FIELD_NULL:
+        out.emplace_back(key, nullptr);
+        break;
+      case TELVO_FIELD_JSON: {
+        const std::string what = "field \"" + std::string(key) + "\"";
+        if (!field.text) {
+          fail(TELVO_ERROR_INVALID_JSON, what + " has no JSON text");
+          return false;
+        }
+        if (!parsed(field.text, what.c_str())) return false;
+        out.emplace_back(key, telvo::RawJson(field.text));
+        break;
+      }
+      default:
+        fail(TELVO_ERROR_INVALID_ARGUMENT,
+             "field \"" + std::string(key) + "\" has an unknown type " + std::to_string(field.type));
+        return false;
+    }
+  }
   return true;
 }
 
@@ -269,6 +329,31 @@ int telvo_send_error(telvo_client* client, const char* code_json, const char* de
     std::optional<telvo::Json> details;
     if (!objectArgument(details_json, "error details", details)) return TELVO_ERROR_INVALID_JSON;
     client->client->sendError(std::move(*code), std::move(details));
+    return TELVO_OK;
+  });
+}
+
+int telvo_send_event_fields(telvo_client* client, const char* name, const telvo_field* fields,
+                            size_t count) {
+  return guarded([&] {
+    if (!client || !name) return fail(TELVO_ERROR_NULL_ARGUMENT, "client or name is null");
+    std::vector<telvo::Field> converted;
+    if (!toFields(fields, count, converted)) return static_cast<int>(lastStatus);
+    client->client->sendEvent(name, converted.data(), converted.size());
+    return TELVO_OK;
+  });
+}
+
+int telvo_send_error_fields(telvo_client* client, const char* code_json, const telvo_field* fields,
+                            size_t count) {
+  return guarded([&] {
+    if (!client || !code_json) return fail(TELVO_ERROR_NULL_ARGUMENT, "client or code is null");
+    auto code = parsed(code_json, "the error code");
+    if (!code) return TELVO_ERROR_INVALID_JSON;
+    if (code->is_null()) return fail(TELVO_ERROR_INVALID_JSON, "the error code is null");
+    std::vector<telvo::Field> converted;
+    if (!toFields(fields, count, converted)) return static_cast<int>(lastStatus);
+    client->client->sendError(std::move(*code), converted.data(), converted.size());
     return TELVO_OK;
   });
 }

@@ -137,15 +137,48 @@ TEST(CApi, AClientMadeThroughItDeliversToTheService) {
   EXPECT_EQ(telvo_send_error(client, "\"E1\"", "[]"), TELVO_ERROR_INVALID_JSON);
   EXPECT_EQ(telvo_send_error(client, "not json", nullptr), TELVO_ERROR_INVALID_JSON);
   EXPECT_EQ(telvo_send_error(client, "\"E42\"", R"({"where":"player"})"), TELVO_OK);
+
+  // The flat form: every kind of field, and bad fields refused whole.
+  const telvo_field fields[] = {
+      {"title", TELVO_FIELD_TEXT, "Intro", 0, 0},
+      {"position", TELVO_FIELD_INTEGER, nullptr, -12, 0},
+      {"bitrate", TELVO_FIELD_NUMBER, nullptr, 0, 4.5},
+      {"live", TELVO_FIELD_BOOL, nullptr, 2, 0},
+      {"cdn", TELVO_FIELD_NULL, nullptr, 0, 0},
+      {"tags", TELVO_FIELD_JSON, R"(["a",{"b":1}])", 0, 0},
+      {"title", TELVO_FIELD_TEXT, "ignored: the first of a key counts", 0, 0},
+  };
+  EXPECT_EQ(telvo_send_event_fields(client, "flat", fields, 7), TELVO_OK);
+  EXPECT_EQ(telvo_send_event_fields(client, "flat", nullptr, 0), TELVO_OK);  // no data
+  const telvo_field badFields[][2] = {
+      {{"ok", TELVO_FIELD_INTEGER, nullptr, 1, 0}, {nullptr, TELVO_FIELD_NULL, nullptr, 0, 0}},
+      {{"ok", TELVO_FIELD_INTEGER, nullptr, 1, 0}, {"n", TELVO_FIELD_NUMBER, nullptr, 0, NAN}},
+      {{"ok", TELVO_FIELD_INTEGER, nullptr, 1, 0}, {"j", TELVO_FIELD_JSON, "{\"a\":", 0, 0}},
+      {{"ok", TELVO_FIELD_INTEGER, nullptr, 1, 0}, {"j", TELVO_FIELD_JSON, nullptr, 0, 0}},
+      {{"ok", TELVO_FIELD_INTEGER, nullptr, 1, 0}, {"t", 99, nullptr, 0, 0}},
+  };
+  for (const auto& bad : badFields) {
+    EXPECT_NE(telvo_send_event_fields(client, "bad", bad, 2), TELVO_OK) << bad[1].type;
+    EXPECT_STRNE(telvo_last_error_message(), "");
+    EXPECT_NE(telvo_send_error_fields(client, "1", bad, 2), TELVO_OK);
+  }
+  EXPECT_EQ(telvo_send_event_fields(client, "bad", nullptr, 1), TELVO_ERROR_NULL_ARGUMENT);
+  EXPECT_EQ(telvo_send_error_fields(client, "7", fields, 2), TELVO_OK);
   ASSERT_EQ(telvo_flush(client, 10000), TELVO_OK) << telvo_last_error_message();
 
   const Json events = service.postedEvents();
-  ASSERT_EQ(events.size(), 2u) << events.dump();
+  ASSERT_EQ(events.size(), 4u) << events.dump();
+  Json flat = events[2]["eventData"];
+  EXPECT_TRUE(flat["timestamp"].is_number_integer());
+  flat.erase("timestamp");
+  EXPECT_EQ(flat, Json::parse(R"({"title":"Intro","position":-12,"bitrate":4.5,"live":true,
+                                  "cdn":null,"tags":["a",{"b":1}]})"));
+  EXPECT_EQ(events[3]["eventData"], (Json{{"applicationName", "Player"}}));
   EXPECT_EQ(events[0]["eventType"], "play");
   EXPECT_EQ(events[0]["eventData"]["title"], "Intro");
   EXPECT_EQ(events[0]["eventData"]["position"], 12);
   EXPECT_EQ(events[1]["eventData"], (Json{{"applicationName", "Player"}}));
-  EXPECT_EQ(service.errorPosts(), 1u);
+  EXPECT_EQ(service.errorPosts(), 2u);
   {
     std::lock_guard<std::mutex> lock(seen.mutex);
     EXPECT_FALSE(seen.lines.empty());  // debug lines reached the sink

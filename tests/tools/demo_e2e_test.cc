@@ -159,7 +159,8 @@ TEST_F(DemoEndToEndTest, TheCHostDeliversThroughTheCInterface) {
   ASSERT_EQ(rows["events"].size(), 2u) << rows["events"].dump();
   EXPECT_EQ(rows["events"][0]["eventType"], "c_start");
   EXPECT_EQ(rows["events"][0]["eventData"]["language"], "C");
-  EXPECT_EQ(rows["events"][1]["eventData"], (Json{{"applicationName", "demo"}}));
+  EXPECT_EQ(rows["events"][0]["eventData"]["details"]["compiler"], "cc");
+  EXPECT_EQ(rows["events"][1]["eventData"]["tick"], 1);
   ASSERT_EQ(rows["errors"].size(), 1u);
   EXPECT_EQ(rows["errors"][0]["errorCode"], "C42");
   EXPECT_TRUE(rows["problems"].empty()) << rows["problems"].dump();
