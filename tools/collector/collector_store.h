@@ -22,6 +22,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct sqlite3;
@@ -44,9 +45,10 @@ struct EventRow {
   std::int64_t id = 0;  // assigned by the database
   std::string sessionId;
   std::string type;
-  std::string dataJson;                 // eventData as compact JSON
+  std::string dataJson;                 // eventData as compact JSON (maybe cut, see dataLength)
   std::optional<std::int64_t> eventMs;  // eventData's "timestamp", when a number
   std::int64_t receivedMs = 0;
+  std::int64_t dataLength = 0;  // the whole dataJson's length in characters (listings only)
 };
 
 struct ErrorRow {
@@ -65,6 +67,8 @@ struct ProblemRow {
   std::string method;
   std::string path;
   std::string description;
+  std::string layer;        // where the request went wrong (PostChecker::layerOf), "" when unknown
+  std::int64_t bodyBytes = 0;  // the length of the request's stored body (listings only)
 };
 
 // Everything one request leaves behind; stored in one transaction.
@@ -73,6 +77,9 @@ struct RequestRecord {
   std::vector<EventRow> events;
   std::optional<ErrorRow> error;
   std::vector<ProblemRow> problems;
+  // The raw request body, as far as it was read: stored once, with the
+  // problems (none, none stored), for problemBody().
+  std::string body;
 };
 
 // Selection for the listing calls: rows received at or after `sinceMs`;
@@ -80,6 +87,44 @@ struct RequestRecord {
 struct StoreFilter {
   std::optional<std::int64_t> sinceMs;
   std::optional<std::string> type;
+};
+
+// Selection for the inspector's pages, newest first. Every text is matched
+// as a parameter (never spliced into SQL); `limit` is clamped to
+// [1, kMaxPageRows].
+struct PageQuery {
+  std::optional<std::int64_t> afterId;   // only rows with a larger id (what arrived since)
+  std::optional<std::int64_t> beforeId;  // only rows with a smaller id (the next older page)
+  std::optional<std::int64_t> sinceMs;   // only rows received at or after this time
+  std::optional<std::string> sessionId;  // events and errors of this session
+  std::optional<std::string> type;       // events of this type
+  std::optional<std::string> text;       // events whose type, session or data contain this
+                                         // (ASCII case-insensitive)
+  int limit = 100;
+  // Event data longer than this is cut in the rows (dataLength keeps the
+  // whole length); 0 keeps it whole.
+  std::size_t previewBytes = 0;
+};
+
+inline constexpr int kMaxPageRows = 1000;
+
+struct SessionSummary {
+  SessionRow session;
+  std::int64_t eventCount = 0;
+  std::int64_t lastSeenMs = 0;  // the last event's arrival, else the hello's
+};
+
+// Events of one type that arrived in one time bucket.
+struct RateBucket {
+  std::int64_t startMs = 0;
+  std::string type;
+  std::int64_t count = 0;
+};
+
+struct StoreTotals {
+  std::int64_t sessions = 0, events = 0, errors = 0, problems = 0;
+  // The largest ids so far: a reader that has seen them has seen everything.
+  std::int64_t lastEventId = 0, lastErrorId = 0, lastProblemId = 0;
 };
 
 class CollectorStore {
@@ -108,8 +153,25 @@ class CollectorStore {
   std::vector<ErrorRow> errors(const StoreFilter& filter);
   std::vector<ProblemRow> problems(const StoreFilter& filter);
 
+  // The inspector's queries: pages newest first, each bounded by
+  // PageQuery::limit and served from an index.
+  std::vector<EventRow> eventPage(const PageQuery& query);
+  std::optional<EventRow> event(std::int64_t id);
+  std::vector<SessionSummary> sessionSummaries(int limit);
+  std::vector<ErrorRow> errorPage(const PageQuery& query);
+  std::vector<ProblemRow> problemPage(const PageQuery& query);
+  // The raw body of the request that problem `id` is about.
+  std::optional<std::string> problemBody(std::int64_t id);
+  // Event types with their counts, most frequent first (at most `limit`).
+  std::vector<std::pair<std::string, std::int64_t>> eventTypes(int limit);
+  // Events received at or after `sinceMs`, counted per type in buckets of
+  // `bucketMs` (> 0) starting at multiples of it.
+  std::vector<RateBucket> eventRate(std::int64_t sinceMs, std::int64_t bucketMs);
+  StoreTotals totals();
+
  private:
   explicit CollectorStore(sqlite3* db);
+  bool addMissingColumns(std::string* error);
   bool prepareWriters(std::string* error);
   bool insertRows(const RequestRecord& rows, std::string* error);
   bool exec(const char* sql, std::string* error);
@@ -121,6 +183,7 @@ class CollectorStore {
   sqlite3_stmt* insertEvent_ = nullptr;
   sqlite3_stmt* insertError_ = nullptr;
   sqlite3_stmt* insertProblem_ = nullptr;
+  sqlite3_stmt* insertBody_ = nullptr;
   sqlite3_stmt* findSession_ = nullptr;
 };
 
