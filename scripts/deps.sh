@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, tests, benchmarks and demo need.
+# Installs the Debian packages the build, tests, benchmarks and demo need
+# (chromium: the headless browser the collector's inspector is tested in).
 # Quick and silent when everything is already there.
 set -euo pipefail
 
@@ -9,6 +10,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev libcpp-httplib-dev libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
+  chromium fonts-dejavu-core
 )
 
 missing=()
