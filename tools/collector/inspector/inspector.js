@@ -17,7 +17,7 @@ const state = {
   newest: {event: 0, error: 0, problem: 0},   // largest ids shown
   oldestEvent: null,                          // smallest event id shown
   known: null,                                // the last summary read
-  chartPeriod: '300:1',
+  chartPeriod: '60:1',
   sessionsShown: -1,
   lastSessionsRead: 0,
   pending: 0,                                 // events that arrived while paused
@@ -126,9 +126,10 @@ function setPaused(paused) {
 function showTotals(summary) {
   const totals = $('totals');
   totals.replaceChildren();
-  for (const [label, key] of [['sessions', 'sessions'], ['events', 'events'],
-                              ['error reports', 'errors'], ['problems', 'problems']]) {
-    totals.append(el('span', null, el('b', {text: summary[key]}), ' ' + label));
+  for (const [label, key] of [['session', 'sessions'], ['event', 'events'],
+                              ['error report', 'errors'], ['problem', 'problems']]) {
+    totals.append(el('span', null, el('b', {text: summary[key]}),
+                     ` ${label}${summary[key] === 1 ? '' : 's'}`));
   }
   $('count-events').textContent = summary.events;
   $('count-sessions').textContent = summary.sessions;
