@@ -181,6 +181,7 @@ TEST_F(InspectorTest, HostileParametersAreRefusedAndLeaveNoProblemRows) {
       "/inspect/api/events?limit=1001",
       "/inspect/api/events?after=-1",
       "/inspect/api/events?before=99999999999999999999",
+      "/inspect/api/events?before=9999999999999999999",  // 19 digits, past INT64_MAX
       "/inspect/api/events?since=1e9",
       "/inspect/api/events?preview=100001",
       "/inspect/api/events?q=" + std::string(1025, 'a'),

@@ -49,7 +49,7 @@ class Parameters {
     std::int64_t value = 0;
     for (std::size_t i = 0; ok && i < text.size(); ++i) {
       char c = text[i];
-      if (c < '0' || c > '9') {
+      if (c < '0' || c > '9' || value > (INT64_MAX - (c - '0')) / 10) {
         ok = false;
       } else {
         value = value * 10 + (c - '0');
