@@ -334,7 +334,7 @@ void CollectorServer::handlePost(PostKind kind, const httplib::Request& req,
   record.error = std::move(checked.error);
   for (const std::string& problem : checked.problems) {
     record.problems.push_back(ProblemRow{0, received, req.method, req.path, problem,
-                                         PostChecker::layerOf(problem), 0});
+                                         PostChecker::layerOf(problem), std::nullopt});
     log("problem: " + problem);
   }
 
@@ -392,7 +392,7 @@ void CollectorServer::recordProblem(const httplib::Request& req, const std::stri
   log("problem: " + req.method + " " + req.path + ": " + description);
   RequestRecord record;
   record.problems.push_back(
-      ProblemRow{0, nowMs(), req.method, req.path, description, "request", 0});
+      ProblemRow{0, nowMs(), req.method, req.path, description, "request", std::nullopt});
   record.body = req.body;
   std::string error;
   if (!store_.record(record, &error)) log("cannot store a problem: " + error);

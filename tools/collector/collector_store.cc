@@ -595,7 +595,7 @@ std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
     row.path = columnText(s, 3);
     row.description = columnText(s, 4);
     row.layer = columnText(s, 5);
-    row.bodyBytes = sqlite3_column_int64(s, 6);
+    row.bodyBytes = columnOptionalInt(s, 6);
     rows.push_back(std::move(row));
   }
   return rows;

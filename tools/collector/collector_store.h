@@ -68,7 +68,9 @@ struct ProblemRow {
   std::string path;
   std::string description;
   std::string layer;        // where the request went wrong (PostChecker::layerOf), "" when unknown
-  std::int64_t bodyBytes = 0;  // the length of the request's stored body (listings only)
+  // The length of the request's stored body (listings only); nothing when
+  // none was kept (rows from before bodies were kept).
+  std::optional<std::int64_t> bodyBytes;
 };
 
 // Everything one request leaves behind; stored in one transaction.

@@ -228,7 +228,7 @@ void Inspector::installRoutes(httplib::Server& server) {
                for (const ProblemRow& row : store_.problemPage(parameters.page())) {
                  Json out = problemJson(row);
                  out["layer"] = row.layer;
-                 out["bodyBytes"] = row.bodyBytes;
+                 out["bodyBytes"] = row.bodyBytes ? Json(*row.bodyBytes) : Json(nullptr);
                  rows.push_back(std::move(out));
                }
                answer(res, Json{{"problems", rows}});
