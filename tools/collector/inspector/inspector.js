@@ -62,6 +62,9 @@ function oneLine(value) {
   return text === undefined ? '' : text;
 }
 function cell(text, cls) { return el('td', cls ? {class: cls, text} : {text}); }
+// Names a device chose may be of any length: lists show the start of them.
+const clip = (text, length = 120) =>
+  (typeof text === 'string' && text.length > length ? text.slice(0, length) + '…' : text);
 
 async function api(path, params) {
   const query = new URLSearchParams();
@@ -139,10 +142,8 @@ function showTotals(summary) {
   const select = $('filter-type');
   const chosen = state.filter.type;
   select.replaceChildren(el('option', {value: '', text: 'all types'}));
-  const types = summary.eventTypes.map((t) => t.eventType);
-  if (chosen && !types.includes(chosen)) types.unshift(chosen);
   for (const t of summary.eventTypes) {
-    select.append(el('option', {value: t.eventType, text: `${t.eventType} (${t.count})`}));
+    select.append(el('option', {value: t.eventType, text: `${clip(t.eventType, 60)} (${t.count})`}));
   }
   if (chosen && !summary.eventTypes.some((t) => t.eventType === chosen)) {
     select.append(el('option', {value: chosen, text: chosen}));
@@ -160,7 +161,7 @@ function eventRow(event) {
   }
   const row = el('tr', {class: 'event'},
                  cell(timeText(event.received), 'time'), cell(timeText(event.eventTime), 'time'),
-                 cell(shortId(event.sessionId), 'mono'), cell(event.eventType, 'type'), dataCell);
+                 cell(shortId(event.sessionId), 'mono'), cell(clip(event.eventType), 'type'), dataCell);
   row.dataset.id = event.id;
   row.addEventListener('click', () => toggleDetail(row, event));
   return row;
@@ -391,7 +392,7 @@ async function loadChart() {
   $('chart').replaceChildren(plot);
   const legend = $('chart-legend');
   legend.replaceChildren(...series.map((s, k) => {
-    const item = el('span', {text: `${s} (${s === 'other' ? ranked.slice(CHART_TYPES).reduce((a, t) => a + totals.get(t), 0) : totals.get(s)})`});
+    const item = el('span', {text: `${clip(s, 60)} (${s === 'other' ? ranked.slice(CHART_TYPES).reduce((a, t) => a + totals.get(t), 0) : totals.get(s)})`});
     item.style.setProperty('--swatch', COLORS[k % COLORS.length]);
     return item;
   }));
