@@ -47,8 +47,8 @@ CollectorStore& store() {
   }();
   static std::unique_ptr<CollectorStore> db = [] {
     std::string error;
-    auto opened = CollectorStore::open(folder + "/collector.db", CollectorStore::Mode::kReadWrite,
-                                       &error);
+    auto opened =
+        CollectorStore::open(folder + "/collector.db", CollectorStore::Mode::kReadWrite, &error);
     if (!opened) {
       std::fprintf(stderr, "%s\n", error.c_str());
       std::abort();
@@ -72,10 +72,11 @@ CollectorStore& store() {
         row.type = "event_type_" + std::to_string(j % kTypes);
         row.receivedMs = start + static_cast<std::int64_t>(j) * 6;  // ten minutes in all
         row.eventMs = row.receivedMs;
-        row.dataJson = R"({"timestamp":)" + std::to_string(row.receivedMs) +
-                       R"(,"title":"Episode )" + std::to_string(j % 997) +
-                       R"(","position":123.456,"player":{"volume":80,"muted":false,"quality":"hd"},)"
-                       R"("device":{"model":"TX-55LZ","os":"Linux 5.10"},"tags":["drama","serie"]})";
+        row.dataJson =
+            R"({"timestamp":)" + std::to_string(row.receivedMs) + R"(,"title":"Episode )" +
+            std::to_string(j % 997) +
+            R"(","position":123.456,"player":{"volume":80,"muted":false,"quality":"hd"},)"
+            R"("device":{"model":"TX-55LZ","os":"Linux 5.10"},"tags":["drama","serie"]})";
         batch.events.push_back(std::move(row));
       }
       opened->record(batch, &error);

@@ -50,20 +50,25 @@ class InspectorTest : public ::testing::Test {
   }
 
   std::string hello(const std::string& application) {
-    Json document{{"propertyName", "prop"},        {"applicationName", application},
-                  {"applicationVersion", "2.5"},   {"platformName", "linux"},
-                  {"deviceType", "settop"},        {"deviceVersion", "x86_64"},
+    Json document{{"propertyName", "prop"},
+                  {"applicationName", application},
+                  {"applicationVersion", "2.5"},
+                  {"platformName", "linux"},
+                  {"deviceType", "settop"},
+                  {"deviceVersion", "x86_64"},
                   {"clientDeviceId", "0A1B2C3D-4E5F-4A6B-8C7D-9E0F1A2B3C4D"},
                   {"deviceModel", "PC"}};
-    auto res = client_->Post("/api/hello", kEnvelopeHeaders, envelope(document),
-                             "application/x-gzip");
+    auto res =
+        client_->Post("/api/hello", kEnvelopeHeaders, envelope(document), "application/x-gzip");
     return res && res->status == 200 ? Json::parse(res->body).value("sessionId", "") : "";
   }
 
   int batch(const std::string& session, const std::vector<std::pair<std::string, Json>>& events) {
     Json list = Json::array();
-    for (const auto& [type, data] : events) list.push_back({{"eventType", type}, {"eventData", data}});
-    return post("/api/postEvent/batch.json", envelope(Json{{"sessionId", session}, {"events", list}}));
+    for (const auto& [type, data] : events)
+      list.push_back({{"eventType", type}, {"eventData", data}});
+    return post("/api/postEvent/batch.json",
+                envelope(Json{{"sessionId", session}, {"events", list}}));
   }
 
   // GET on the API; the status and the parsed body (null when not JSON).
@@ -86,12 +91,11 @@ class InspectorTest : public ::testing::Test {
                              {"play", {{"timestamp", 4000}, {"blob", std::string(5000, 'z')}}}}),
               200);
     ASSERT_EQ(batch(second_, {{"seek", {{"timestamp", 5000}, {"to", 30}}}}), 200);
-    ASSERT_EQ(post("/api/postEvent/error",
-                   envelope(Json{{"sessionId", first_},
-                                 {"data",
-                                  {{"applicationName", "inspected-app"},
-                                   {"timestamp", 6000},
-                                   {"errorCode", "E42"}}}})),
+    ASSERT_EQ(post("/api/postEvent/error", envelope(Json{{"sessionId", first_},
+                                                         {"data",
+                                                          {{"applicationName", "inspected-app"},
+                                                           {"timestamp", 6000},
+                                                           {"errorCode", "E42"}}}})),
               200);
     ASSERT_EQ(post("/api/postEvent/batch.json", badBody_), 400);
   }
@@ -119,7 +123,8 @@ TEST_F(InspectorTest, ApiServesStoredRowsNewestFirstWithFiltersAndPages) {
   EXPECT_EQ(sessions[0]["sessionId"], second_);  // newest first
   EXPECT_EQ(sessions[1]["hello"]["applicationName"], "inspected-app");
   EXPECT_EQ(sessions[1]["eventCount"], 4);
-  EXPECT_GE(sessions[1]["lastSeen"].get<std::int64_t>(), sessions[1]["received"].get<std::int64_t>());
+  EXPECT_GE(sessions[1]["lastSeen"].get<std::int64_t>(),
+            sessions[1]["received"].get<std::int64_t>());
 
   Json events = get("/inspect/api/events").second["events"];
   ASSERT_EQ(events.size(), 5u);
@@ -145,8 +150,8 @@ TEST_F(InspectorTest, ApiServesStoredRowsNewestFirstWithFiltersAndPages) {
   EXPECT_EQ(types("type=play"), (V{"play", "play"}));
   EXPECT_EQ(types("session=" + second_), V{"seek"});
   EXPECT_EQ(types("session=" + first_ + "&type=pause"), V{"pause"});
-  EXPECT_EQ(types("q=INTRO"), V{"play"});           // data, any case
-  EXPECT_EQ(types("q=%25"), V{});                    // LIKE's wildcards are literal
+  EXPECT_EQ(types("q=INTRO"), V{"play"});  // data, any case
+  EXPECT_EQ(types("q=%25"), V{});          // LIKE's wildcards are literal
   EXPECT_EQ(types("q=onerror"), V{kHostileType});
   // Paging: two at a time from the newest, then what came after an id.
   EXPECT_EQ(types("limit=2"), (V{"seek", "play"}));
@@ -203,15 +208,15 @@ TEST_F(InspectorTest, HostileParametersAreRefusedAndLeaveNoProblemRows) {
 
 // Runs headless Chromium on `url` with `mode` ("--dump-dom" or
 // "--screenshot=<file>"); what it wrote to standard output.
-std::string runChromium(const std::string& profile, const std::string& url, const std::string& mode) {
-  auto result = runProgram("/usr/bin/chromium",
-                           {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
-                            "--no-first-run", "--disable-background-networking",
-                            "--disable-component-update", "--disable-sync",
-                            "--user-data-dir=" + profile, "--ignore-certificate-errors",
-                            "--hide-scrollbars", "--window-size=1280,1000",
-                            "--virtual-time-budget=3000", mode, url},
-                           {}, std::chrono::seconds(60));
+std::string runChromium(const std::string& profile, const std::string& url,
+                        const std::string& mode) {
+  auto result =
+      runProgram("/usr/bin/chromium",
+                 {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                  "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                  "--user-data-dir=" + profile, "--ignore-certificate-errors", "--hide-scrollbars",
+                  "--window-size=1280,1000", "--virtual-time-budget=3000", mode, url},
+                 {}, std::chrono::seconds(60));
   EXPECT_EQ(result.status, 0) << result.err;
   return result.out;
 }
@@ -232,8 +237,10 @@ TEST_F(InspectorTest, PageInChromiumShowsStoredDataAsText) {
   TempDir profile;
 
   // Filtered on free text: only the hostile event is listed.
-  std::string dom = runChromium(profile.file("dom"), collector_.baseUrl() + "/#q=onerror", "--dump-dom");
-  ASSERT_NE(dom.find("data-ready=\"1\""), std::string::npos) << "the page did not finish loading\n" << dom;
+  std::string dom =
+      runChromium(profile.file("dom"), collector_.baseUrl() + "/#q=onerror", "--dump-dom");
+  ASSERT_NE(dom.find("data-ready=\"1\""), std::string::npos) << "the page did not finish loading\n"
+                                                             << dom;
   std::string events = element(dom, "events", "</tbody>");
   EXPECT_NE(events.find("&lt;img src=x onerror=\"document.title='pwned'\"&gt;&lt;script&gt;"),
             std::string::npos)

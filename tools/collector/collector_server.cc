@@ -264,8 +264,8 @@ void CollectorServer::installRoutes() {
   if (options_.logRequests) {
     server_->set_logger([this](const httplib::Request& req, const httplib::Response& res) {
       // An open inspector polls every second: only its failures are worth a line.
-      bool inspector = req.path == "/" || req.path == "/favicon.ico" ||
-                       req.path.rfind("/inspect/", 0) == 0;
+      bool inspector =
+          req.path == "/" || req.path == "/favicon.ico" || req.path.rfind("/inspect/", 0) == 0;
       if (inspector && res.status < 400) return;
       log(req.method + " " + req.path + " -> " + std::to_string(res.status));
     });

@@ -44,7 +44,7 @@ namespace telvo::tool {
 
 struct CollectorOptions {
   std::string host = "127.0.0.1";  // loopback unless asked otherwise
-  int port = 8443;  // 0 picks a free port (see CollectorServer::port())
+  int port = 8443;                 // 0 picks a free port (see CollectorServer::port())
   std::filesystem::path certFile;
   std::filesystem::path keyFile;
   // Folder of configuration documents; nothing serves the built-in document.

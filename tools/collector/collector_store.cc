@@ -420,7 +420,9 @@ std::vector<ProblemRow> CollectorStore::problems(const StoreFilter& filter) {
 
 namespace {
 
-int clampedLimit(int limit) { return limit < 1 ? 1 : (limit > kMaxPageRows ? kMaxPageRows : limit); }
+int clampedLimit(int limit) {
+  return limit < 1 ? 1 : (limit > kMaxPageRows ? kMaxPageRows : limit);
+}
 
 // `text` as a LIKE pattern that matches it anywhere, its own % and _ (and the
 // escape character) taken literally.
@@ -468,12 +470,13 @@ std::vector<EventRow> CollectorStore::eventPage(const PageQuery& query) {
   // session and type tests are written so that SQLite can take the rows from
   // events_by_session or events_by_type in id order.
   const char* sql =
-      query.sessionId ? "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
-                        "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
-                        "WHERE session_id = ?6 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
-                        "AND (?7 IS NULL OR type = ?7) AND (?8 IS NULL OR type LIKE ?8 ESCAPE '\\' "
-                        "OR session_id LIKE ?8 ESCAPE '\\' OR data_json LIKE ?8 ESCAPE '\\') "
-                        "ORDER BY id DESC LIMIT ?4"
+      query.sessionId
+          ? "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
+            "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
+            "WHERE session_id = ?6 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
+            "AND (?7 IS NULL OR type = ?7) AND (?8 IS NULL OR type LIKE ?8 ESCAPE '\\' "
+            "OR session_id LIKE ?8 ESCAPE '\\' OR data_json LIKE ?8 ESCAPE '\\') "
+            "ORDER BY id DESC LIMIT ?4"
       : query.type ? "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
                      "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
                      "WHERE type = ?7 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
@@ -491,11 +494,12 @@ std::vector<EventRow> CollectorStore::eventPage(const PageQuery& query) {
   sqlite3_stmt* s = statement.get();
   if (!s) return rows;
   bindPage(s, query);
-  sqlite3_bind_int64(s, 5, static_cast<std::int64_t>(std::min<std::size_t>(query.previewBytes, 1 << 30)));
+  sqlite3_bind_int64(s, 5,
+                     static_cast<std::int64_t>(std::min<std::size_t>(query.previewBytes, 1 << 30)));
   bindText(s, 6, query.sessionId);
   bindText(s, 7, query.type);
-  bindText(s, 8, query.text ? std::optional<std::string>(containsPattern(*query.text))
-                            : std::nullopt);
+  bindText(s, 8,
+           query.text ? std::optional<std::string>(containsPattern(*query.text)) : std::nullopt);
   while (sqlite3_step(s) == SQLITE_ROW) rows.push_back(eventFrom(s));
   return rows;
 }
@@ -641,8 +645,8 @@ std::vector<RateBucket> CollectorStore::eventRate(std::int64_t sinceMs, std::int
   sqlite3_bind_int64(query.get(), 2, bucketMs);
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
     sqlite3_stmt* s = query.get();
-    rows.push_back(
-        RateBucket{sqlite3_column_int64(s, 0) * bucketMs, columnText(s, 1), sqlite3_column_int64(s, 2)});
+    rows.push_back(RateBucket{sqlite3_column_int64(s, 0) * bucketMs, columnText(s, 1),
+                              sqlite3_column_int64(s, 2)});
   }
   return rows;
 }

@@ -67,7 +67,7 @@ struct ProblemRow {
   std::string method;
   std::string path;
   std::string description;
-  std::string layer;        // where the request went wrong (PostChecker::layerOf), "" when unknown
+  std::string layer;  // where the request went wrong (PostChecker::layerOf), "" when unknown
   // The length of the request's stored body (listings only); nothing when
   // none was kept (rows from before bodies were kept).
   std::optional<std::int64_t> bodyBytes;

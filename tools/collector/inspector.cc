@@ -150,10 +150,9 @@ void Inspector::installRoutes(httplib::Server& server) {
   server.Get("/favicon.ico", [](const httplib::Request&, httplib::Response& res) {
     serveAsset("favicon.svg", res);
   });
-  server.Get(R"(/inspect/static/([A-Za-z0-9_.-]+))",
-             [](const httplib::Request& req, httplib::Response& res) {
-               serveAsset(req.matches[1], res);
-             });
+  server.Get(
+      R"(/inspect/static/([A-Za-z0-9_.-]+))",
+      [](const httplib::Request& req, httplib::Response& res) { serveAsset(req.matches[1], res); });
 
   server.Get("/inspect/api/summary", [this](const httplib::Request&, httplib::Response& res) {
     StoreTotals totals = store_.totals();
@@ -234,40 +233,39 @@ void Inspector::installRoutes(httplib::Server& server) {
                answer(res, Json{{"problems", rows}});
              }));
 
-  server.Get(R"(/inspect/api/problems/(\d{1,18})/body)",
-             [this](const httplib::Request& req, httplib::Response& res) {
-               std::string id = req.matches[1];
-               auto body = store_.problemBody(std::stoll(id));
-               if (!body) {
-                 refuse(res, 404, "no body kept for this problem");
-                 return;
-               }
-               res.status = 200;
-               res.set_header("Content-Disposition",
-                              "attachment; filename=\"problem-" + id + "-body.bin\"");
-               res.set_header("X-Content-Type-Options", "nosniff");
-               res.set_content(*body, "application/octet-stream");
-             });
+  server.Get(R"(/inspect/api/problems/(\d{1,18})/body)", [this](const httplib::Request& req,
+                                                                httplib::Response& res) {
+    std::string id = req.matches[1];
+    auto body = store_.problemBody(std::stoll(id));
+    if (!body) {
+      refuse(res, 404, "no body kept for this problem");
+      return;
+    }
+    res.status = 200;
+    res.set_header("Content-Disposition", "attachment; filename=\"problem-" + id + "-body.bin\"");
+    res.set_header("X-Content-Type-Options", "nosniff");
+    res.set_content(*body, "application/octet-stream");
+  });
 
-  server.Get("/inspect/api/rate",
-             checked([this](const httplib::Request& req, httplib::Response& res) {
-               Parameters parameters(req);
-               std::int64_t period = parameters.number("period", 1, kMaxPeriodSeconds).value_or(300);
-               std::int64_t bucket =
-                   parameters.number("bucket", 1, kMaxBucketSeconds).value_or(period > 600 ? 60 : 1);
-               if (period / bucket > kMaxBuckets) {
-                 throw BadParameter{"\"period\" / \"bucket\" must be at most " +
-                                    std::to_string(kMaxBuckets) + " buckets"};
-               }
-               std::int64_t bucketMs = bucket * 1000;
-               std::int64_t to = nowMs();
-               std::int64_t from = (to - period * 1000) / bucketMs * bucketMs;
-               Json buckets = Json::array();
-               for (const RateBucket& b : store_.eventRate(from, bucketMs)) {
-                 buckets.push_back(Json{{"start", b.startMs}, {"eventType", b.type}, {"count", b.count}});
-               }
-               answer(res, Json{{"from", from}, {"to", to}, {"bucketMs", bucketMs}, {"buckets", buckets}});
-             }));
+  server.Get(
+      "/inspect/api/rate", checked([this](const httplib::Request& req, httplib::Response& res) {
+        Parameters parameters(req);
+        std::int64_t period = parameters.number("period", 1, kMaxPeriodSeconds).value_or(300);
+        std::int64_t bucket =
+            parameters.number("bucket", 1, kMaxBucketSeconds).value_or(period > 600 ? 60 : 1);
+        if (period / bucket > kMaxBuckets) {
+          throw BadParameter{"\"period\" / \"bucket\" must be at most " +
+                             std::to_string(kMaxBuckets) + " buckets"};
+        }
+        std::int64_t bucketMs = bucket * 1000;
+        std::int64_t to = nowMs();
+        std::int64_t from = (to - period * 1000) / bucketMs * bucketMs;
+        Json buckets = Json::array();
+        for (const RateBucket& b : store_.eventRate(from, bucketMs)) {
+          buckets.push_back(Json{{"start", b.startMs}, {"eventType", b.type}, {"count", b.count}});
+        }
+        answer(res, Json{{"from", from}, {"to", to}, {"bucketMs", bucketMs}, {"buckets", buckets}});
+      }));
 }
 
 }  // namespace telvo::tool
