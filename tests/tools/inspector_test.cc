@@ -1,8 +1,14 @@
 // The collector's inspector as a developer meets it: the built `telvo`
 // collector on a free loopback port, its JSON API read over HTTPS, and its
 // page loaded in headless Chromium (skipped where Chromium is not installed).
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -20,6 +26,16 @@ namespace {
 using testing::CollectorProcess;
 using testing::runProgram;
 using testing::TempDir;
+using testing::waitForExit;
+
+constexpr const char* kChromium = "/usr/bin/chromium";
+// Headless Chromium that reaches nothing but the collector on loopback.
+// clang-format off
+const std::vector<std::string> kChromiumFlags = {
+    "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+    "--disable-background-networking", "--disable-component-update", "--disable-sync",
+    "--ignore-certificate-errors", "--hide-scrollbars", "--window-size=1280,1000"};
+// clang-format on
 
 const httplib::Headers kEnvelopeHeaders{{"Content-Type", "application/x-gzip"},
                                         {"Content-Encoding", "gzip"}};
@@ -210,16 +226,131 @@ TEST_F(InspectorTest, HostileParametersAreRefusedAndLeaveNoProblemRows) {
 // "--screenshot=<file>"); what it wrote to standard output.
 std::string runChromium(const std::string& profile, const std::string& url,
                         const std::string& mode) {
-  auto result =
-      runProgram("/usr/bin/chromium",
-                 {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-                  "--disable-background-networking", "--disable-component-update", "--disable-sync",
-                  "--user-data-dir=" + profile, "--ignore-certificate-errors", "--hide-scrollbars",
-                  "--window-size=1280,1000", "--virtual-time-budget=3000", mode, url},
-                 {}, std::chrono::seconds(60));
+  std::vector<std::string> args = kChromiumFlags;
+  args.insert(args.end(), {"--user-data-dir=" + profile, "--virtual-time-budget=3000", mode, url});
+  auto result = runProgram(kChromium, args, {}, std::chrono::seconds(60));
   EXPECT_EQ(result.status, 0) << result.err;
   return result.out;
 }
+
+// Headless Chromium driven through its DevTools pipe (--remote-debugging-pipe:
+// it reads NUL-terminated JSON commands on descriptor 3 and writes answers
+// and events on descriptor 4). Every wait is bounded; the browser is closed,
+// or killed, at the end.
+class Browser {
+ public:
+  Browser() = default;
+  Browser(const Browser&) = delete;
+  Browser& operator=(const Browser&) = delete;
+  ~Browser() {
+    if (pid_ > 0) {
+      call("Browser.close", Json::object());
+      if (!waitForExit(pid_, std::chrono::seconds(5))) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+      }
+    }
+    if (toBrowser_ >= 0) close(toBrowser_);
+    if (fromBrowser_ >= 0) close(fromBrowser_);
+  }
+
+  // Starts the browser and opens `url` in a page of its own.
+  bool open(const std::string& profile, const std::string& url) {
+    signal(SIGPIPE, SIG_IGN);  // a browser that died must fail the test, not end it
+    int commands[2], answers[2];
+    if (pipe2(commands, O_CLOEXEC) != 0) return false;
+    if (pipe2(answers, O_CLOEXEC) != 0) return false;
+    std::vector<std::string> args{kChromium};
+    args.insert(args.end(), kChromiumFlags.begin(), kChromiumFlags.end());
+    args.insert(args.end(),
+                {"--remote-debugging-pipe", "--user-data-dir=" + profile, "about:blank"});
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, commands[0], 3);
+    posix_spawn_file_actions_adddup2(&actions, answers[1], 4);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    if (posix_spawn(&pid_, kChromium, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    close(commands[0]);
+    close(answers[1]);
+    toBrowser_ = commands[1];
+    fromBrowser_ = answers[0];
+    if (pid_ <= 0) return false;
+    std::string target = call("Target.createTarget", {{"url", url}}).value("targetId", "");
+    if (target.empty()) return false;
+    session_ = call("Target.attachToTarget", {{"targetId", target}, {"flatten", true}})
+                   .value("sessionId", "");
+    return !session_.empty();
+  }
+
+  // The value of `expression` in the page (a promise is awaited); null when
+  // it threw or the browser did not answer.
+  Json evaluate(const std::string& expression) {
+    Json result = call(
+        "Runtime.evaluate",
+        {{"expression", expression}, {"returnByValue", true}, {"awaitPromise", true}}, session_);
+    if (!result.contains("result") || result.contains("exceptionDetails")) return Json();
+    return result["result"].value("value", Json());
+  }
+
+  // Waits (bounded) for `expression` to be true in the page.
+  bool waitFor(const std::string& expression,
+               std::chrono::milliseconds timeout = std::chrono::seconds(15)) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (evaluate(expression) == true) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+  }
+
+ private:
+  // Sends one command and reads (bounded) until its answer; the answer's
+  // "result", or an empty object.
+  Json call(const std::string& method, const Json& params, const std::string& session = "") {
+    int id = ++lastId_;
+    Json message{{"id", id}, {"method", method}, {"params", params}};
+    if (!session.empty()) message["sessionId"] = session;
+    std::string text = message.dump();
+    text.push_back('\0');
+    for (std::size_t sent = 0; sent < text.size();) {
+      ssize_t n = write(toBrowser_, text.data() + sent, text.size() - sent);
+      if (n <= 0) return Json::object();
+      sent += static_cast<std::size_t>(n);
+    }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    for (;;) {
+      for (auto end = received_.find('\0'); end != std::string::npos; end = received_.find('\0')) {
+        Json answer = Json::parse(received_.substr(0, end), nullptr, false);
+        received_.erase(0, end + 1);
+        if (answer.is_object() && answer.value("id", 0) == id) {
+          return answer.value("result", Json::object());
+        }
+      }
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd fd{fromBrowser_, POLLIN, 0};
+      if (left.count() <= 0 || poll(&fd, 1, static_cast<int>(left.count())) <= 0) {
+        return Json::object();
+      }
+      char buffer[65536];
+      ssize_t n = read(fromBrowser_, buffer, sizeof buffer);
+      if (n <= 0) return Json::object();
+      received_.append(buffer, static_cast<std::size_t>(n));
+    }
+  }
+
+  pid_t pid_ = -1;
+  int toBrowser_ = -1;
+  int fromBrowser_ = -1;
+  int lastId_ = 0;
+  std::string session_;
+  std::string received_;
+};
 
 // The text between the element with id `id`'s start tag and `end`.
 std::string element(const std::string& dom, const std::string& id, const std::string& end) {
@@ -230,7 +361,7 @@ std::string element(const std::string& dom, const std::string& id, const std::st
 }
 
 TEST_F(InspectorTest, PageInChromiumShowsStoredDataAsText) {
-  if (!std::filesystem::exists("/usr/bin/chromium")) {
+  if (!std::filesystem::exists(kChromium)) {
     GTEST_SKIP() << "chromium is not installed (scripts/deps.sh installs it)";
   }
   storeKnownData();
@@ -274,6 +405,47 @@ TEST_F(InspectorTest, PageInChromiumShowsStoredDataAsText) {
   runChromium(profile.file("shot"), collector_.baseUrl() + "/", "--screenshot=" + shot);
   ASSERT_TRUE(std::filesystem::exists(shot));
   EXPECT_GT(std::filesystem::file_size(shot), 10000u);
+}
+
+TEST_F(InspectorTest, PageInChromiumFollowsArrivalsAndAPausedViewStaysPut) {
+  if (!std::filesystem::exists(kChromium)) {
+    GTEST_SKIP() << "chromium is not installed (scripts/deps.sh installs it)";
+  }
+  storeKnownData();
+  TempDir profile;
+  Browser browser;
+  ASSERT_TRUE(browser.open(profile.file("live"), collector_.baseUrl() + "/"));
+  ASSERT_TRUE(browser.waitFor("document.body.dataset.ready === '1'"));
+  const std::string rows = "document.querySelectorAll('#events tr.event').length";
+  const std::string newest = "document.querySelector('#events tr.event td.type').textContent";
+  EXPECT_EQ(browser.evaluate(rows), 5);
+
+  ASSERT_EQ(batch(second_, {{"arrived_live", {{"timestamp", 7000}}}}), 200);
+  EXPECT_TRUE(browser.waitFor(newest + " === 'arrived_live'"));
+
+  browser.evaluate("document.getElementById('pause').click()");
+  ASSERT_EQ(batch(second_, {{"while_paused", {{"timestamp", 8000}}}}), 200);
+  EXPECT_TRUE(
+      browser.waitFor("document.getElementById('status').textContent.includes('1 new event')"));
+  EXPECT_EQ(browser.evaluate(newest), "arrived_live");
+  EXPECT_EQ(browser.evaluate(rows), 6);
+
+  browser.evaluate("document.getElementById('pause').click()");
+  EXPECT_TRUE(browser.waitFor(newest + " === 'while_paused'"));
+  EXPECT_EQ(browser.evaluate(rows), 7);
+
+  // A row opens on its whole data, with the service time beside the arrival.
+  browser.evaluate(
+      "[...document.querySelectorAll('#events tr.event')]"
+      ".find((row) => row.textContent.includes('intro')).click()");
+  EXPECT_TRUE(
+      browser.waitFor("(document.querySelector('#events tr.detail pre') || {}).textContent === "
+                      "JSON.stringify({timestamp: 1000, title: 'intro'}, null, 2)"));
+  Json times = browser.evaluate(
+      "[...document.querySelectorAll('#events tr.detail .times b')].map((b) => b.textContent)");
+  ASSERT_TRUE(times.is_array()) << times.dump();
+  EXPECT_EQ(times[0], "Service time (eventData.timestamp)");
+  EXPECT_EQ(times[1], "Arrived at the collector");
 }
 
 }  // namespace
