@@ -88,28 +88,28 @@ CollectorStore& store() {
 
 void FirstPage(benchmark::State& state) {
   PageQuery query;
-  query.previewBytes = 200;
+  query.previewLength = 200;
   for (auto _ : state) benchmark::DoNotOptimize(store().eventPage(query));
 }
 
 void PageOfOneType(benchmark::State& state) {
   PageQuery query;
   query.type = "event_type_7";
-  query.previewBytes = 200;
+  query.previewLength = 200;
   for (auto _ : state) benchmark::DoNotOptimize(store().eventPage(query));
 }
 
 void PageOfOneSession(benchmark::State& state) {
   PageQuery query;
   query.sessionId = sessionId(17);
-  query.previewBytes = 200;
+  query.previewLength = 200;
   for (auto _ : state) benchmark::DoNotOptimize(store().eventPage(query));
 }
 
 void OlderPageDeepDown(benchmark::State& state) {
   PageQuery query;
   query.beforeId = 1000;
-  query.previewBytes = 200;
+  query.previewLength = 200;
   for (auto _ : state) benchmark::DoNotOptimize(store().eventPage(query));
 }
 
@@ -117,14 +117,14 @@ void OlderPageDeepDown(benchmark::State& state) {
 void TextMatchingFewRows(benchmark::State& state) {
   PageQuery query;
   query.text = "Episode 996\"";
-  query.previewBytes = 200;
+  query.previewLength = 200;
   for (auto _ : state) benchmark::DoNotOptimize(store().eventPage(query));
 }
 
 void NewSinceLastPoll(benchmark::State& state) {
   PageQuery query;
   query.afterId = kEvents - 10;
-  query.previewBytes = 200;
+  query.previewLength = 200;
   for (auto _ : state) benchmark::DoNotOptimize(store().eventPage(query));
 }
 

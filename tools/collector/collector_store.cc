@@ -495,7 +495,7 @@ std::vector<EventRow> CollectorStore::eventPage(const PageQuery& query) {
   if (!s) return rows;
   bindPage(s, query);
   sqlite3_bind_int64(s, 5,
-                     static_cast<std::int64_t>(std::min<std::size_t>(query.previewBytes, 1 << 30)));
+                     static_cast<std::int64_t>(std::min<std::size_t>(query.previewLength, 1 << 30)));
   bindText(s, 6, query.sessionId);
   bindText(s, 7, query.type);
   bindText(s, 8,

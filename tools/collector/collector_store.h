@@ -1,10 +1,11 @@
 // CollectorStore: the local collector's SQLite database (collector.db in the
 // collector's data folder).
 //
-// Four tables: sessions (one per hello answered, with the hello members),
-// events (one per element of a batch post), errors (one per error post) and
-// problems (every deviation from what a client should send, and every request
-// the collector could not take). Times are milliseconds since 1970: received
+// Tables: sessions (one per hello answered, with the hello members), events
+// (one per element of a batch post), errors (one per error post), problems
+// (every deviation from what a client should send, and every request the
+// collector could not take, with the layer that failed) and request_bodies
+// (the raw body of a request that left problems, once). Times are milliseconds since 1970: received
 // times on the collector's own clock, event and error times as the client
 // stamped them (the service clock, which includes any --clock-skew).
 //
@@ -14,7 +15,9 @@
 // not at all, and rows already committed are never touched again.
 //
 // Thread-safe: one connection, every call serialised by a mutex (the HTTPS
-// server answers on several threads).
+// server answers on several threads). The inspector reads through a second,
+// read-only CollectorStore on the same file, so its queries and the posts
+// being stored do not wait for each other.
 #pragma once
 
 #include <cstdint>
@@ -105,7 +108,7 @@ struct PageQuery {
   int limit = 100;
   // Event data longer than this is cut in the rows (dataLength keeps the
   // whole length); 0 keeps it whole.
-  std::size_t previewBytes = 0;
+  std::size_t previewLength = 0;
 };
 
 inline constexpr int kMaxPageRows = 1000;

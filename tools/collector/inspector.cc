@@ -193,7 +193,7 @@ void Inspector::installRoutes(httplib::Server& server) {
                query.sessionId = parameters.text("session");
                query.type = parameters.text("type");
                query.text = parameters.text("q");
-               query.previewBytes = static_cast<std::size_t>(
+               query.previewLength = static_cast<std::size_t>(
                    parameters.number("preview", 0, kMaxPreview).value_or(kDefaultPreview));
                Json rows = Json::array();
                for (const EventRow& row : store_.eventPage(query)) rows.push_back(eventJson(row));

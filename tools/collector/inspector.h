@@ -3,6 +3,7 @@
 //
 //   GET /                                   the page (also /inspect/)
 //   GET /inspect/static/<file>              its script and style sheet
+//   GET /favicon.ico                        its icon
 //   GET /inspect/api/summary                row counts, last ids, event types
 //   GET /inspect/api/sessions?limit=        sessions with their hello exchange,
 //                                           event count and last arrival

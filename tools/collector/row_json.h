@@ -9,7 +9,7 @@
 namespace telvo::tool {
 
 // {"id", "sessionId", "eventType", "eventData", "eventTime", "received"}; a
-// row whose data was cut (PageQuery::previewBytes) gives "dataPreview" (the
+// row whose data was cut (PageQuery::previewLength) gives "dataPreview" (the
 // cut text) and "dataLength" instead of "eventData".
 Json eventJson(const EventRow& row);
 // {"sessionId", "received", "serviceTime", "throttled", "hello", "cookie"}
