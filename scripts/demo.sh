@@ -2,9 +2,11 @@
 # The whole path on one machine: installs what is missing, builds the `telvo`
 # tool and the example host, starts the local collector on a free loopback
 # port with a throw-away data folder, runs the example host against it, prints
-# what the collector received, and stops the collector.
+# what the collector received, and stops the collector (or, with --keep, keeps
+# it running until Ctrl-C so that its inspector page can be opened).
 #
 #   scripts/demo.sh                 # build in ./build
+#   scripts/demo.sh --keep          # keep the collector and its inspector running
 #   TELVO_BUILD_DIR=/tmp/b scripts/demo.sh
 #   TELVO_DEMO_PORT=8443 scripts/demo.sh
 set -euo pipefail
@@ -12,6 +14,13 @@ set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${TELVO_BUILD_DIR:-$root/build}"
 port="${TELVO_DEMO_PORT:-0}"
+keep=0
+for argument in "$@"; do
+  case "$argument" in
+    --keep) keep=1 ;;
+    *) echo "usage: scripts/demo.sh [--keep]" >&2; exit 2 ;;
+  esac
+done
 
 "$root/scripts/deps.sh"
 
@@ -73,3 +82,10 @@ echo "== example host =="
 echo
 echo "== what the collector received =="
 "$telvo" events --data "$work/data"
+
+echo
+echo "Inspector: $base/  (certificate $work/data/collector-cert.pem, self-signed)"
+if [ "$keep" -eq 1 ]; then
+  echo "The collector keeps running; Ctrl-C stops it and removes its data."
+  wait "$collector_pid" || true
+fi

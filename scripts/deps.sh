@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, tests, benchmarks and demo need.
+# Installs the Debian packages the build, tests, benchmarks and demo need
+# (chromium: the headless browser the collector's inspector is tested in).
 # Quick and silent when everything is already there.
 set -euo pipefail
 
@@ -10,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   dpkg-dev jq
+  chromium fonts-dejavu-core
 )
 
 missing=()

@@ -1,9 +1,10 @@
-// `telvo collector [--port N] [--data DIR] [--cert FILE --key FILE]
+// `telvo collector [--host ADDR] [--port N] [--data DIR] [--cert FILE --key FILE]
 //   [--config-dir DIR] [--throttle] [--clock-skew MS] [--callback NAME]
 //   [--set-cookie TEXT] [--max-body BYTES] [--quiet]`:
 // a local stand-in for the analytics service and the configuration location,
 // over HTTPS on 127.0.0.1, storing everything it receives in
-// <data>/collector.db. Runs until SIGINT or SIGTERM, then exits 0.
+// <data>/collector.db, with an inspector page at https://127.0.0.1:<port>/
+// to watch it arrive. Runs until SIGINT or SIGTERM, then exits 0.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -32,6 +33,7 @@ namespace telvo::tool {
 namespace {
 
 struct CollectorCommandOptions {
+  std::string host = "127.0.0.1";
   int port = 8443;
   std::string dataDir;
   std::string certFile;
@@ -125,6 +127,7 @@ int runCollector(const CollectorCommandOptions& options) {
   }
 
   CollectorOptions server;
+  server.host = options.host;
   server.port = options.port;
   server.throttle = options.throttle;
   server.clockSkewMs = options.clockSkewMs;
@@ -159,11 +162,18 @@ int runCollector(const CollectorCommandOptions& options) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
   }
+  // The inspector's own connection: its queries run beside the writes.
+  auto reader = CollectorStore::open(collectorDatabasePath(dataDir).string(),
+                                     CollectorStore::Mode::kReadOnly, &error);
+  if (!reader) {
+    std::cerr << "telvo collector: " << error << "\n";
+    return 1;
+  }
   if (!installStopSignals(&error)) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
   }
-  CollectorServer collector(server, *store);
+  CollectorServer collector(server, *store, reader.get());
   if (!collector.bind(&error)) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
@@ -178,7 +188,12 @@ int runCollector(const CollectorCommandOptions& options) {
   });
   std::cout << "telvo collector listening on " << collector.baseUrl() << " (config base "
             << collector.baseUrl() << "/mdrv/telvo/config/, certificate "
-            << server.certFile.string() << ", data " << dataDir.string() << ")" << std::endl;
+            << server.certFile.string() << ", data " << dataDir.string() << ")\n"
+            << "telvo collector inspector at " << collector.baseUrl() << "/" << std::endl;
+  if (options.host != "127.0.0.1" && options.host != "::1" && options.host != "localhost") {
+    std::cerr << "telvo collector: listening on " << options.host
+              << ": anyone who can reach it can post and read what was stored\n";
+  }
   waitForStop();
   // A stop that lands before the server has started listening is lost, so
   // it is repeated until the serving thread has returned.
@@ -187,6 +202,7 @@ int runCollector(const CollectorCommandOptions& options) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   serving.join();
+  reader.reset();
   store.reset();
   if (!served) {
     std::cerr << "telvo collector: the server stopped unexpectedly\n";
@@ -200,6 +216,10 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
   auto* cmd = app.add_subcommand(
       "collector", "Run a local HTTPS stand-in for the analytics service and configuration");
   auto o = std::make_shared<CollectorCommandOptions>();
+  cmd->add_option("--host", o->host,
+                  "Address to listen on (default loopback only; the inspector and what it shows "
+                  "are open to anyone who can reach it)")
+      ->capture_default_str();
   cmd->add_option("--port", o->port, "Port on 127.0.0.1 (0 picks a free one)")
       ->capture_default_str();
   cmd->add_option("--data", o->dataDir,

@@ -11,8 +11,8 @@
 
 #include "collector/collector_paths.h"
 #include "collector/collector_store.h"
+#include "collector/row_json.h"
 #include "command.h"
-#include "encoding/json_text.h"
 #include "telvo/types.h"
 
 namespace telvo::tool {
@@ -25,19 +25,6 @@ struct EventsOptions {
   bool json = false;
   bool eventsOnly = false;
 };
-
-Json parsedOrText(const std::string& text) {
-  Json value = encoding::parseJson(text);
-  return value.is_discarded() ? Json(text) : value;
-}
-
-Json optionalJson(const std::optional<std::string>& value) {
-  return value ? Json(*value) : Json(nullptr);
-}
-
-Json optionalJson(const std::optional<std::int64_t>& value) {
-  return value ? Json(*value) : Json(nullptr);
-}
 
 // Fits a value into a table cell.
 std::string cell(std::string text, std::size_t width) {
@@ -117,44 +104,16 @@ int runEvents(const EventsOptions& options) {
   if (options.json) {
     Json out = Json::object();
     out["events"] = Json::array();
-    for (const auto& e : events) {
-      out["events"].push_back({{"id", e.id},
-                               {"sessionId", e.sessionId},
-                               {"eventType", e.type},
-                               {"eventData", parsedOrText(e.dataJson)},
-                               {"eventTime", optionalJson(e.eventMs)},
-                               {"received", e.receivedMs}});
-    }
+    for (const auto& e : events) out["events"].push_back(eventJson(e));
     if (!options.eventsOnly) {
       out["sessions"] = Json::array();
-      for (const auto& s : sessions) {
-        out["sessions"].push_back({{"sessionId", s.id},
-                                   {"received", s.receivedMs},
-                                   {"serviceTime", s.serviceMs},
-                                   {"throttled", s.throttled},
-                                   {"hello", parsedOrText(s.helloJson)},
-                                   {"cookie", optionalJson(s.cookie)}});
-      }
+      for (const auto& s : sessions) out["sessions"].push_back(sessionJson(s));
       out["errors"] = Json::array();
-      for (const auto& e : errors) {
-        out["errors"].push_back({{"id", e.id},
-                                 {"sessionId", e.sessionId},
-                                 {"applicationName", optionalJson(e.application)},
-                                 {"errorCode", parsedOrText(e.errorCodeJson)},
-                                 {"errorTime", optionalJson(e.errorMs)},
-                                 {"data", parsedOrText(e.dataJson)},
-                                 {"received", e.receivedMs}});
-      }
+      for (const auto& e : errors) out["errors"].push_back(errorJson(e));
       out["problems"] = Json::array();
-      for (const auto& p : problems) {
-        out["problems"].push_back({{"id", p.id},
-                                   {"received", p.receivedMs},
-                                   {"method", p.method},
-                                   {"path", p.path},
-                                   {"description", p.description}});
-      }
+      for (const auto& p : problems) out["problems"].push_back(problemJson(p));
     }
-    std::cout << out.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    std::cout << jsonText(out, 2) << "\n";
     return 0;
   }
 

@@ -145,8 +145,12 @@ bool isPlainSegment(const std::string& segment) {
 
 }  // namespace
 
-CollectorServer::CollectorServer(CollectorOptions options, CollectorStore& store)
-    : options_(std::move(options)), store_(store), random_(std::random_device{}()) {}
+CollectorServer::CollectorServer(CollectorOptions options, CollectorStore& store,
+                                 CollectorStore* reader)
+    : options_(std::move(options)),
+      store_(store),
+      inspector_(reader ? *reader : store),
+      random_(std::random_device{}()) {}
 
 CollectorServer::~CollectorServer() { stop(); }
 
@@ -238,6 +242,8 @@ void CollectorServer::installRoutes() {
                   handlePost(PostKind::kError, req, res);
                 });
 
+  inspector_.installRoutes(*server_);
+
   server_->set_error_handler(httplib::Server::HandlerWithResponse(
       [this](const httplib::Request& req, httplib::Response& res) {
         handleError(req, res);
@@ -257,6 +263,10 @@ void CollectorServer::installRoutes() {
       });
   if (options_.logRequests) {
     server_->set_logger([this](const httplib::Request& req, const httplib::Response& res) {
+      // An open inspector polls every second: only its failures are worth a line.
+      bool inspector =
+          req.path == "/" || req.path == "/favicon.ico" || req.path.rfind("/inspect/", 0) == 0;
+      if (inspector && res.status < 400) return;
       log(req.method + " " + req.path + " -> " + std::to_string(res.status));
     });
   }
@@ -324,9 +334,11 @@ void CollectorServer::handlePost(PostKind kind, const httplib::Request& req,
     record.session = std::move(session);
   }
   record.events = std::move(checked.events);
+  if (!checked.problems.empty()) record.body = req.body;
   record.error = std::move(checked.error);
   for (const std::string& problem : checked.problems) {
-    record.problems.push_back(ProblemRow{0, received, req.method, req.path, problem});
+    record.problems.push_back(ProblemRow{0, received, req.method, req.path, problem,
+                                         PostChecker::layerOf(problem), std::nullopt});
     log("problem: " + problem);
   }
 
@@ -383,7 +395,9 @@ void CollectorServer::handleError(const httplib::Request& req, httplib::Response
 void CollectorServer::recordProblem(const httplib::Request& req, const std::string& description) {
   log("problem: " + req.method + " " + req.path + ": " + description);
   RequestRecord record;
-  record.problems.push_back(ProblemRow{0, nowMs(), req.method, req.path, description});
+  record.problems.push_back(
+      ProblemRow{0, nowMs(), req.method, req.path, description, "request", std::nullopt});
+  record.body = req.body;
   std::string error;
   if (!store_.record(record, &error)) log("cannot store a problem: " + error);
 }

@@ -8,6 +8,7 @@
 //   POST /api/hello                   answers {"sessionId", "timestamp", "throttled"}
 //   POST /api/postEvent/batch.json    answers {"status":"ok"}
 //   POST /api/postEvent/error         answers {"status":"ok"}
+//   GET  /, /inspect/...              the inspector page and its API (Inspector)
 // Every post is checked (PostChecker) and stored (CollectorStore), its rows in
 // one transaction. An envelope that does not decode is answered 400; an
 // unknown path 404; a body over the size limit 413; a request that cannot be
@@ -28,6 +29,7 @@
 #include <string>
 
 #include "collector/collector_store.h"
+#include "collector/inspector.h"
 #include "collector/post_checker.h"
 #include "telvo/envelope.h"
 #include "telvo/types.h"
@@ -41,8 +43,8 @@ struct Response;
 namespace telvo::tool {
 
 struct CollectorOptions {
-  std::string host = "127.0.0.1";
-  int port = 8443;  // 0 picks a free port (see CollectorServer::port())
+  std::string host = "127.0.0.1";  // loopback unless asked otherwise
+  int port = 8443;                 // 0 picks a free port (see CollectorServer::port())
   std::filesystem::path certFile;
   std::filesystem::path keyFile;
   // Folder of configuration documents; nothing serves the built-in document.
@@ -59,8 +61,11 @@ struct CollectorOptions {
 
 class CollectorServer {
  public:
-  // `store` must outlive the server.
-  CollectorServer(CollectorOptions options, CollectorStore& store);
+  // `store` must outlive the server. The inspector reads through `reader`
+  // (a read-only connection to the same database, so that its queries do
+  // not wait for posts being stored, nor hold them up), else through `store`.
+  CollectorServer(CollectorOptions options, CollectorStore& store,
+                  CollectorStore* reader = nullptr);
   ~CollectorServer();
   CollectorServer(const CollectorServer&) = delete;
   CollectorServer& operator=(const CollectorServer&) = delete;
@@ -92,6 +97,7 @@ class CollectorServer {
 
   CollectorOptions options_;
   CollectorStore& store_;
+  Inspector inspector_;
   std::unique_ptr<httplib::SSLServer> server_;
   int port_ = 0;
   std::mutex randomMutex_;

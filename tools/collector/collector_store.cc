@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace telvo::tool {
@@ -26,7 +27,12 @@ CREATE TABLE IF NOT EXISTS events (
   event_ms INTEGER,
   received_ms INTEGER NOT NULL
 );
-CREATE INDEX IF NOT EXISTS events_by_received ON events (received_ms);
+-- Served by indexes: the inspector's pages per session and per type (newest
+-- first), and its rate chart (arrival time and type, without the rows).
+DROP INDEX IF EXISTS events_by_received;
+CREATE INDEX IF NOT EXISTS events_by_received_type ON events (received_ms, type);
+CREATE INDEX IF NOT EXISTS events_by_session ON events (session_id, id);
+CREATE INDEX IF NOT EXISTS events_by_type ON events (type, id);
 CREATE TABLE IF NOT EXISTS errors (
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   session_id TEXT NOT NULL,
@@ -41,9 +47,24 @@ CREATE TABLE IF NOT EXISTS problems (
   received_ms INTEGER NOT NULL,
   method TEXT NOT NULL,
   path TEXT NOT NULL,
-  description TEXT NOT NULL
+  description TEXT NOT NULL,
+  layer TEXT NOT NULL DEFAULT '',
+  body_id INTEGER
 );
+-- The raw body of a request that left problems, once however many it left.
+CREATE TABLE IF NOT EXISTS request_bodies (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  body BLOB NOT NULL
+);
+CREATE INDEX IF NOT EXISTS sessions_by_received ON sessions (received_ms);
+CREATE INDEX IF NOT EXISTS errors_by_session ON errors (session_id, id);
 )sql";
+
+// Databases made before problems kept their layer and body gain the columns.
+constexpr const char* kProblemColumns[][2] = {
+    {"layer", "ALTER TABLE problems ADD COLUMN layer TEXT NOT NULL DEFAULT ''"},
+    {"body_id", "ALTER TABLE problems ADD COLUMN body_id INTEGER"},
+};
 
 // Owns a statement prepared for one listing call.
 class Statement {
@@ -117,7 +138,7 @@ CollectorStore::CollectorStore(sqlite3* db) : db_(db) {}
 
 CollectorStore::~CollectorStore() {
   for (sqlite3_stmt* stmt :
-       {insertSession_, insertEvent_, insertError_, insertProblem_, findSession_}) {
+       {insertSession_, insertEvent_, insertError_, insertProblem_, insertBody_, findSession_}) {
     sqlite3_finalize(stmt);
   }
   sqlite3_close(db_);
@@ -139,7 +160,8 @@ std::unique_ptr<CollectorStore> CollectorStore::open(const std::string& path, Mo
   std::unique_ptr<CollectorStore> store(new CollectorStore(db));
   if (mode == Mode::kReadWrite) {
     if (!store->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", error) ||
-        !store->exec(kSchema, error) || !store->prepareWriters(error)) {
+        !store->exec(kSchema, error) || !store->addMissingColumns(error) ||
+        !store->prepareWriters(error)) {
       if (error) *error = path + ": " + *error;
       return nullptr;
     }
@@ -163,6 +185,15 @@ bool CollectorStore::exec(const char* sql, std::string* error) {
   return false;
 }
 
+bool CollectorStore::addMissingColumns(std::string* error) {
+  for (const auto& column : kProblemColumns) {
+    std::string probe = std::string("SELECT ") + column[0] + " FROM problems LIMIT 0";
+    Statement existing(db_, probe.c_str());
+    if (!existing.get() && !exec(column[1], error)) return false;
+  }
+  return true;
+}
+
 bool CollectorStore::prepareWriters(std::string* error) {
   struct {
     sqlite3_stmt** stmt;
@@ -180,7 +211,9 @@ bool CollectorStore::prepareWriters(std::string* error) {
        "INSERT INTO errors (session_id, application, error_code_json, error_ms, data_json, "
        "received_ms) VALUES (?1, ?2, ?3, ?4, ?5, ?6)"},
       {&insertProblem_,
-       "INSERT INTO problems (received_ms, method, path, description) VALUES (?1, ?2, ?3, ?4)"},
+       "INSERT INTO problems (received_ms, method, path, description, layer, body_id) "
+       "VALUES (?1, ?2, ?3, ?4, ?5, ?6)"},
+      {&insertBody_, "INSERT INTO request_bodies (body) VALUES (?1)"},
       {&findSession_, "SELECT 1 FROM sessions WHERE id = ?1"},
   };
   for (auto& writer : writers) {
@@ -251,12 +284,21 @@ bool CollectorStore::insertRows(const RequestRecord& rows, std::string* error) {
     sqlite3_bind_int64(stmt, 6, e.receivedMs);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
+  std::optional<std::int64_t> bodyId;
+  if (!rows.problems.empty()) {
+    sqlite3_bind_blob(insertBody_, 1, rows.body.data(), static_cast<int>(rows.body.size()),
+                      SQLITE_TRANSIENT);
+    if (!runToCompletion(db_, insertBody_, error)) return false;
+    bodyId = sqlite3_last_insert_rowid(db_);
+  }
   for (const ProblemRow& p : rows.problems) {
     sqlite3_stmt* stmt = insertProblem_;
     sqlite3_bind_int64(stmt, 1, p.receivedMs);
     bindText(stmt, 2, p.method);
     bindText(stmt, 3, p.path);
     bindText(stmt, 4, p.description);
+    bindText(stmt, 5, p.layer);
+    bindInt(stmt, 6, bodyId);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
   return true;
@@ -374,6 +416,252 @@ std::vector<ProblemRow> CollectorStore::problems(const StoreFilter& filter) {
     rows.push_back(std::move(row));
   }
   return rows;
+}
+
+namespace {
+
+int clampedLimit(int limit) {
+  return limit < 1 ? 1 : (limit > kMaxPageRows ? kMaxPageRows : limit);
+}
+
+// `text` as a LIKE pattern that matches it anywhere, its own % and _ (and the
+// escape character) taken literally.
+std::string containsPattern(const std::string& text) {
+  std::string pattern = "%";
+  for (char c : text) {
+    if (c == '%' || c == '_' || c == '\\') pattern += '\\';
+    pattern += c;
+  }
+  return pattern + "%";
+}
+
+// Binds the paging parameters common to the page queries:
+//   ?1 afterId, ?2 beforeId, ?3 sinceMs, ?4 limit.
+void bindPage(sqlite3_stmt* stmt, const PageQuery& query) {
+  sqlite3_bind_int64(stmt, 1, query.afterId.value_or(INT64_MIN));
+  sqlite3_bind_int64(stmt, 2, query.beforeId.value_or(INT64_MAX));
+  sqlite3_bind_int64(stmt, 3, query.sinceMs.value_or(INT64_MIN));
+  sqlite3_bind_int(stmt, 4, clampedLimit(query.limit));
+}
+
+EventRow eventFrom(sqlite3_stmt* s) {
+  EventRow row;
+  row.id = sqlite3_column_int64(s, 0);
+  row.sessionId = columnText(s, 1);
+  row.type = columnText(s, 2);
+  row.dataJson = columnText(s, 3);
+  row.eventMs = columnOptionalInt(s, 4);
+  row.receivedMs = sqlite3_column_int64(s, 5);
+  row.dataLength = sqlite3_column_int64(s, 6);
+  return row;
+}
+
+std::int64_t singleInt(sqlite3* db, const char* sql) {
+  Statement query(db, sql);
+  if (!query.get() || sqlite3_step(query.get()) != SQLITE_ROW) return 0;
+  return sqlite3_column_int64(query.get(), 0);
+}
+
+}  // namespace
+
+std::vector<EventRow> CollectorStore::eventPage(const PageQuery& query) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  // ?5 preview bytes (0: whole), ?6 session, ?7 type, ?8 text pattern. The
+  // session and type tests are written so that SQLite can take the rows from
+  // events_by_session or events_by_type in id order.
+  const char* sql =
+      query.sessionId
+          ? "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
+            "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
+            "WHERE session_id = ?6 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
+            "AND (?7 IS NULL OR type = ?7) AND (?8 IS NULL OR type LIKE ?8 ESCAPE '\\' "
+            "OR session_id LIKE ?8 ESCAPE '\\' OR data_json LIKE ?8 ESCAPE '\\') "
+            "ORDER BY id DESC LIMIT ?4"
+      : query.type ? "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
+                     "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
+                     "WHERE type = ?7 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
+                     "AND (?6 IS NULL OR session_id = ?6) AND (?8 IS NULL OR type LIKE ?8 ESCAPE "
+                     "'\\' OR session_id LIKE ?8 ESCAPE '\\' OR data_json LIKE ?8 ESCAPE '\\') "
+                     "ORDER BY id DESC LIMIT ?4"
+                   : "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
+                     "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
+                     "WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
+                     "AND (?6 IS NULL OR session_id = ?6) AND (?7 IS NULL OR type = ?7) "
+                     "AND (?8 IS NULL OR type LIKE ?8 ESCAPE '\\' OR session_id LIKE ?8 ESCAPE "
+                     "'\\' OR data_json LIKE ?8 ESCAPE '\\') ORDER BY id DESC LIMIT ?4";
+  Statement statement(db_, sql);
+  std::vector<EventRow> rows;
+  sqlite3_stmt* s = statement.get();
+  if (!s) return rows;
+  bindPage(s, query);
+  sqlite3_bind_int64(s, 5,
+                     static_cast<std::int64_t>(std::min<std::size_t>(query.previewLength, 1 << 30)));
+  bindText(s, 6, query.sessionId);
+  bindText(s, 7, query.type);
+  bindText(s, 8,
+           query.text ? std::optional<std::string>(containsPattern(*query.text)) : std::nullopt);
+  while (sqlite3_step(s) == SQLITE_ROW) rows.push_back(eventFrom(s));
+  return rows;
+}
+
+std::optional<EventRow> CollectorStore::event(std::int64_t id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Statement statement(db_,
+                      "SELECT id, session_id, type, data_json, event_ms, received_ms, "
+                      "length(data_json) FROM events WHERE id = ?1");
+  if (!statement.get()) return std::nullopt;
+  sqlite3_bind_int64(statement.get(), 1, id);
+  if (sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
+  return eventFrom(statement.get());
+}
+
+std::vector<SessionSummary> CollectorStore::sessionSummaries(int limit) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  // The count and the last arrival come from events_by_session alone.
+  Statement query(db_,
+                  "SELECT id, received_ms, service_ms, throttled, property, application, "
+                  "application_version, platform, device_type, device_version, "
+                  "client_device_id, device_model, uuid_token, cookie, hello_json, "
+                  "(SELECT count(*) FROM events WHERE session_id = sessions.id), "
+                  "(SELECT received_ms FROM events WHERE session_id = sessions.id "
+                  " ORDER BY id DESC LIMIT 1) "
+                  "FROM sessions ORDER BY received_ms DESC, rowid DESC LIMIT ?1");
+  std::vector<SessionSummary> rows;
+  if (!query.get()) return rows;
+  sqlite3_bind_int(query.get(), 1, clampedLimit(limit));
+  while (sqlite3_step(query.get()) == SQLITE_ROW) {
+    sqlite3_stmt* s = query.get();
+    SessionSummary summary;
+    SessionRow& row = summary.session;
+    row.id = columnText(s, 0);
+    row.receivedMs = sqlite3_column_int64(s, 1);
+    row.serviceMs = sqlite3_column_int64(s, 2);
+    row.throttled = sqlite3_column_int(s, 3) != 0;
+    row.property = columnOptionalText(s, 4);
+    row.application = columnOptionalText(s, 5);
+    row.applicationVersion = columnOptionalText(s, 6);
+    row.platform = columnOptionalText(s, 7);
+    row.deviceType = columnOptionalText(s, 8);
+    row.deviceVersion = columnOptionalText(s, 9);
+    row.clientDeviceId = columnOptionalText(s, 10);
+    row.deviceModel = columnOptionalText(s, 11);
+    row.uuidToken = columnOptionalText(s, 12);
+    row.cookie = columnOptionalText(s, 13);
+    row.helloJson = columnText(s, 14);
+    summary.eventCount = sqlite3_column_int64(s, 15);
+    summary.lastSeenMs = std::max(row.receivedMs, columnOptionalInt(s, 16).value_or(0));
+    rows.push_back(std::move(summary));
+  }
+  return rows;
+}
+
+std::vector<ErrorRow> CollectorStore::errorPage(const PageQuery& query) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Statement statement(db_,
+                      "SELECT id, session_id, application, error_code_json, error_ms, data_json, "
+                      "received_ms FROM errors WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
+                      "AND (?5 IS NULL OR session_id = ?5) ORDER BY id DESC LIMIT ?4");
+  std::vector<ErrorRow> rows;
+  sqlite3_stmt* s = statement.get();
+  if (!s) return rows;
+  bindPage(s, query);
+  bindText(s, 5, query.sessionId);
+  while (sqlite3_step(s) == SQLITE_ROW) {
+    ErrorRow row;
+    row.id = sqlite3_column_int64(s, 0);
+    row.sessionId = columnText(s, 1);
+    row.application = columnOptionalText(s, 2);
+    row.errorCodeJson = columnText(s, 3);
+    row.errorMs = columnOptionalInt(s, 4);
+    row.dataJson = columnText(s, 5);
+    row.receivedMs = sqlite3_column_int64(s, 6);
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Statement statement(db_,
+                      "SELECT id, received_ms, method, path, description, layer, "
+                      "(SELECT length(body) FROM request_bodies WHERE id = body_id) "
+                      "FROM problems WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
+                      "ORDER BY id DESC LIMIT ?4");
+  std::vector<ProblemRow> rows;
+  sqlite3_stmt* s = statement.get();
+  if (!s) return rows;
+  bindPage(s, query);
+  while (sqlite3_step(s) == SQLITE_ROW) {
+    ProblemRow row;
+    row.id = sqlite3_column_int64(s, 0);
+    row.receivedMs = sqlite3_column_int64(s, 1);
+    row.method = columnText(s, 2);
+    row.path = columnText(s, 3);
+    row.description = columnText(s, 4);
+    row.layer = columnText(s, 5);
+    row.bodyBytes = columnOptionalInt(s, 6);
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+std::optional<std::string> CollectorStore::problemBody(std::int64_t id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Statement statement(db_,
+                      "SELECT b.body FROM problems AS p JOIN request_bodies AS b "
+                      "ON b.id = p.body_id WHERE p.id = ?1");
+  if (!statement.get()) return std::nullopt;
+  sqlite3_bind_int64(statement.get(), 1, id);
+  if (sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
+  const void* bytes = sqlite3_column_blob(statement.get(), 0);
+  int size = sqlite3_column_bytes(statement.get(), 0);
+  return bytes ? std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(size))
+               : std::string();
+}
+
+std::vector<std::pair<std::string, std::int64_t>> CollectorStore::eventTypes(int limit) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Statement query(db_,
+                  "SELECT type, count(*) AS n FROM events GROUP BY type ORDER BY n DESC, type "
+                  "LIMIT ?1");
+  std::vector<std::pair<std::string, std::int64_t>> rows;
+  if (!query.get()) return rows;
+  sqlite3_bind_int(query.get(), 1, clampedLimit(limit));
+  while (sqlite3_step(query.get()) == SQLITE_ROW) {
+    rows.emplace_back(columnText(query.get(), 0), sqlite3_column_int64(query.get(), 1));
+  }
+  return rows;
+}
+
+std::vector<RateBucket> CollectorStore::eventRate(std::int64_t sinceMs, std::int64_t bucketMs) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<RateBucket> rows;
+  if (bucketMs <= 0) return rows;
+  Statement query(db_,
+                  "SELECT received_ms / ?2 AS bucket, type, count(*) FROM events "
+                  "WHERE received_ms >= ?1 GROUP BY bucket, type ORDER BY bucket");
+  if (!query.get()) return rows;
+  sqlite3_bind_int64(query.get(), 1, sinceMs);
+  sqlite3_bind_int64(query.get(), 2, bucketMs);
+  while (sqlite3_step(query.get()) == SQLITE_ROW) {
+    sqlite3_stmt* s = query.get();
+    rows.push_back(RateBucket{sqlite3_column_int64(s, 0) * bucketMs, columnText(s, 1),
+                              sqlite3_column_int64(s, 2)});
+  }
+  return rows;
+}
+
+StoreTotals CollectorStore::totals() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  StoreTotals totals;
+  totals.sessions = singleInt(db_, "SELECT count(*) FROM sessions");
+  totals.events = singleInt(db_, "SELECT count(*) FROM events");
+  totals.errors = singleInt(db_, "SELECT count(*) FROM errors");
+  totals.problems = singleInt(db_, "SELECT count(*) FROM problems");
+  totals.lastEventId = singleInt(db_, "SELECT max(id) FROM events");
+  totals.lastErrorId = singleInt(db_, "SELECT max(id) FROM errors");
+  totals.lastProblemId = singleInt(db_, "SELECT max(id) FROM problems");
+  return totals;
 }
 
 }  // namespace telvo::tool

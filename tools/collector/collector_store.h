@@ -1,10 +1,11 @@
 // CollectorStore: the local collector's SQLite database (collector.db in the
 // collector's data folder).
 //
-// Four tables: sessions (one per hello answered, with the hello members),
-// events (one per element of a batch post), errors (one per error post) and
-// problems (every deviation from what a client should send, and every request
-// the collector could not take). Times are milliseconds since 1970: received
+// Tables: sessions (one per hello answered, with the hello members), events
+// (one per element of a batch post), errors (one per error post), problems
+// (every deviation from what a client should send, and every request the
+// collector could not take, with the layer that failed) and request_bodies
+// (the raw body of a request that left problems, once). Times are milliseconds since 1970: received
 // times on the collector's own clock, event and error times as the client
 // stamped them (the service clock, which includes any --clock-skew).
 //
@@ -14,7 +15,9 @@
 // not at all, and rows already committed are never touched again.
 //
 // Thread-safe: one connection, every call serialised by a mutex (the HTTPS
-// server answers on several threads).
+// server answers on several threads). The inspector reads through a second,
+// read-only CollectorStore on the same file, so its queries and the posts
+// being stored do not wait for each other.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +25,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct sqlite3;
@@ -44,9 +48,10 @@ struct EventRow {
   std::int64_t id = 0;  // assigned by the database
   std::string sessionId;
   std::string type;
-  std::string dataJson;                 // eventData as compact JSON
+  std::string dataJson;                 // eventData as compact JSON (maybe cut, see dataLength)
   std::optional<std::int64_t> eventMs;  // eventData's "timestamp", when a number
   std::int64_t receivedMs = 0;
+  std::int64_t dataLength = 0;  // the whole dataJson's length in characters (listings only)
 };
 
 struct ErrorRow {
@@ -65,6 +70,10 @@ struct ProblemRow {
   std::string method;
   std::string path;
   std::string description;
+  std::string layer;  // where the request went wrong (PostChecker::layerOf), "" when unknown
+  // The length of the request's stored body (listings only); nothing when
+  // none was kept (rows from before bodies were kept).
+  std::optional<std::int64_t> bodyBytes;
 };
 
 // Everything one request leaves behind; stored in one transaction.
@@ -73,6 +82,9 @@ struct RequestRecord {
   std::vector<EventRow> events;
   std::optional<ErrorRow> error;
   std::vector<ProblemRow> problems;
+  // The raw request body, as far as it was read: stored once, with the
+  // problems (none, none stored), for problemBody().
+  std::string body;
 };
 
 // Selection for the listing calls: rows received at or after `sinceMs`;
@@ -80,6 +92,44 @@ struct RequestRecord {
 struct StoreFilter {
   std::optional<std::int64_t> sinceMs;
   std::optional<std::string> type;
+};
+
+// Selection for the inspector's pages, newest first. Every text is matched
+// as a parameter (never spliced into SQL); `limit` is clamped to
+// [1, kMaxPageRows].
+struct PageQuery {
+  std::optional<std::int64_t> afterId;   // only rows with a larger id (what arrived since)
+  std::optional<std::int64_t> beforeId;  // only rows with a smaller id (the next older page)
+  std::optional<std::int64_t> sinceMs;   // only rows received at or after this time
+  std::optional<std::string> sessionId;  // events and errors of this session
+  std::optional<std::string> type;       // events of this type
+  std::optional<std::string> text;       // events whose type, session or data contain this
+                                         // (ASCII case-insensitive)
+  int limit = 100;
+  // Event data longer than this is cut in the rows (dataLength keeps the
+  // whole length); 0 keeps it whole.
+  std::size_t previewLength = 0;
+};
+
+inline constexpr int kMaxPageRows = 1000;
+
+struct SessionSummary {
+  SessionRow session;
+  std::int64_t eventCount = 0;
+  std::int64_t lastSeenMs = 0;  // the last event's arrival, else the hello's
+};
+
+// Events of one type that arrived in one time bucket.
+struct RateBucket {
+  std::int64_t startMs = 0;
+  std::string type;
+  std::int64_t count = 0;
+};
+
+struct StoreTotals {
+  std::int64_t sessions = 0, events = 0, errors = 0, problems = 0;
+  // The largest ids so far: a reader that has seen them has seen everything.
+  std::int64_t lastEventId = 0, lastErrorId = 0, lastProblemId = 0;
 };
 
 class CollectorStore {
@@ -108,8 +158,25 @@ class CollectorStore {
   std::vector<ErrorRow> errors(const StoreFilter& filter);
   std::vector<ProblemRow> problems(const StoreFilter& filter);
 
+  // The inspector's queries: pages newest first, each bounded by
+  // PageQuery::limit and served from an index.
+  std::vector<EventRow> eventPage(const PageQuery& query);
+  std::optional<EventRow> event(std::int64_t id);
+  std::vector<SessionSummary> sessionSummaries(int limit);
+  std::vector<ErrorRow> errorPage(const PageQuery& query);
+  std::vector<ProblemRow> problemPage(const PageQuery& query);
+  // The raw body of the request that problem `id` is about.
+  std::optional<std::string> problemBody(std::int64_t id);
+  // Event types with their counts, most frequent first (at most `limit`).
+  std::vector<std::pair<std::string, std::int64_t>> eventTypes(int limit);
+  // Events received at or after `sinceMs`, counted per type in buckets of
+  // `bucketMs` (> 0) starting at multiples of it.
+  std::vector<RateBucket> eventRate(std::int64_t sinceMs, std::int64_t bucketMs);
+  StoreTotals totals();
+
  private:
   explicit CollectorStore(sqlite3* db);
+  bool addMissingColumns(std::string* error);
   bool prepareWriters(std::string* error);
   bool insertRows(const RequestRecord& rows, std::string* error);
   bool exec(const char* sql, std::string* error);
@@ -121,6 +188,7 @@ class CollectorStore {
   sqlite3_stmt* insertEvent_ = nullptr;
   sqlite3_stmt* insertError_ = nullptr;
   sqlite3_stmt* insertProblem_ = nullptr;
+  sqlite3_stmt* insertBody_ = nullptr;
   sqlite3_stmt* findSession_ = nullptr;
 };
 

@@ -231,6 +231,20 @@ void checkError(const Json& document, std::int64_t receivedMs,
 
 }  // namespace
 
+const char* PostChecker::layerOf(const std::string& problem) {
+  // Matches the texts check() writes (the kind's label comes first).
+  if (problem.find(": Content-Type is ") != std::string::npos ||
+      problem.find(": Content-Encoding is ") != std::string::npos) {
+    return "labels";
+  }
+  if (problem.find(": envelope ") != std::string::npos) return "envelope";
+  if (problem.find("session id") != std::string::npos &&
+      problem.find("member \"sessionId\"") == std::string::npos) {
+    return "session";
+  }
+  return "document";
+}
+
 CheckedPost PostChecker::check(PostKind kind, const PostHeaders& headers, std::string_view body,
                                std::int64_t receivedMs, const SessionLookup& knownSession,
                                std::size_t maxInflatedBytes) {

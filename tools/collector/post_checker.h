@@ -68,6 +68,12 @@ class PostChecker {
   static CheckedPost check(PostKind kind, const PostHeaders& headers, std::string_view body,
                            std::int64_t receivedMs, const SessionLookup& knownSession,
                            std::size_t maxInflatedBytes = kDefaultMaxInflatedBytes);
+
+  // The layer one of check()'s problems is about: "labels" (Content-Type,
+  // Content-Encoding), "envelope" (Base64, zlib, prefix, JSON text),
+  // "session" (the session id is empty or was never handed out) or
+  // "document" (the members).
+  static const char* layerOf(const std::string& problem);
 };
 
 }  // namespace telvo::tool
