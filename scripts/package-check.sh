@@ -114,7 +114,9 @@ args=(--config-base "$base/mdrv/telvo/config/" --app demo --site lab
 timeout 60 "$cxx_host" "${args[@]}" >"$work/cxx.out" 2>&1 || { cat "$work/cxx.out" >&2; die "the find_package consumer failed"; }
 timeout 60 "$c_host" "${args[@]}" >"$work/c.out" 2>&1 || { cat "$work/c.out" >&2; die "the pkg-config consumer failed"; }
 # The C host must have used the packaged shared library.
-ldd "$c_host" | grep -q "$pkgroot/lib/libtelvo.so.1" || die "the C host did not load the packaged libtelvo"
+# (ldd's output is taken whole: grep -q leaving early would fail the pipe.)
+loaded="$(ldd "$c_host")"
+[[ "$loaded" == *"$pkgroot/lib/libtelvo.so.1"* ]] || die "the C host did not load the packaged libtelvo"
 
 "$telvo" events --json --data "$work/data" >"$work/events.json"
 count() { jq --arg type "$1" '[.events[] | select(.eventType == $type)] | length' "$work/events.json"; }
