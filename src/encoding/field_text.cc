@@ -42,56 +42,91 @@ Json parsedRaw(const Field& field) {
   return value;
 }
 
-// Keys and text up to these lengths that need no escaping are gathered with
-// their member's punctuation on the stack and appended in one go.
+// Keys and text up to these lengths that need no escaping are copied as
+// they stand, all fields into one stretch of the output sized once.
 constexpr std::size_t kShortKey = 64;
 constexpr std::size_t kShortText = 96;
 
-// `,"key":value` for a field whose key and value go in as they stand, into
-// `buffer`; its length, or 0 when the field takes the general path.
-std::size_t writeShort(char (&buffer)[192], const Field& field, NonFinite nonFinite) {
+// memcpy for the short pieces a member is made of, in fixed-size moves the
+// compiler inlines: a call per piece would cost more than the copy.
+inline char* copyShort(char* p, const char* text, std::size_t n) {
+  if (n >= 8) {
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8) std::memcpy(p + i, text + i, 8);
+    std::memcpy(p + n - 8, text + n - 8, 8);
+  } else if (n >= 4) {
+    std::memcpy(p, text, 4);
+    std::memcpy(p + n - 4, text + n - 4, 4);
+  } else {
+    for (std::size_t i = 0; i < n; ++i) p[i] = text[i];
+  }
+  return p + n;
+}
+
+// The most bytes `,"key":value` takes when the field goes in as it stands,
+// or 0 when it takes the general path (escapes, nesting, a double written as
+// the error report's writer has it).
+std::size_t shortBound(const Field& field, NonFinite nonFinite) {
   const std::string_view key = field.key();
   if (key.size() > kShortKey || !writesAsIs(key)) return 0;
-  char* p = buffer;
-  *p++ = ',';
-  *p++ = '"';
-  std::memcpy(p, key.data(), key.size());
-  p += key.size();
-  *p++ = '"';
-  *p++ = ':';
-  char* const end = buffer + sizeof buffer;
+  std::size_t value = 0;
   switch (field.kind()) {
-    case Field::Kind::kText: {
-      const std::string_view text = field.text();
-      if (text.size() > kShortText || !writesAsIs(text)) return 0;
-      *p++ = '"';
-      std::memcpy(p, text.data(), text.size());
-      p += text.size();
-      *p++ = '"';
-      break;
-    }
-    case Field::Kind::kInteger:
-      p = std::to_chars(p, end, field.integer()).ptr;
-      break;
-    case Field::Kind::kUnsigned:
-      p = std::to_chars(p, end, field.unsignedInteger()).ptr;
+    case Field::Kind::kText:
+      if (field.text().size() > kShortText || !writesAsIs(field.text())) return 0;
+      value = field.text().size() + 2;
       break;
     case Field::Kind::kDouble:
       if (nonFinite == NonFinite::kNull || !std::isfinite(field.number())) return 0;
-      p = std::to_chars(p, end, field.number()).ptr;
+      value = 32;
+      break;
+    case Field::Kind::kInteger:
+    case Field::Kind::kUnsigned:
+      value = 24;
+      break;
+    case Field::Kind::kBool:
+    case Field::Kind::kNull:
+      value = 5;
+      break;
+    default:
+      return 0;
+  }
+  return key.size() + 4 + value;
+}
+
+// Writes `,"key":value` for a field shortBound accepted, at `p` (with room
+// for 32 more bytes than it writes); returns the end.
+char* writeShort(char* p, const Field& field) {
+  const std::string_view key = field.key();
+  *p++ = ',';
+  *p++ = '"';
+  p = copyShort(p, key.data(), key.size());
+  *p++ = '"';
+  *p++ = ':';
+  switch (field.kind()) {
+    case Field::Kind::kText:
+      *p++ = '"';
+      p = copyShort(p, field.text().data(), field.text().size());
+      *p++ = '"';
+      break;
+    case Field::Kind::kInteger:
+      p = std::to_chars(p, p + 32, field.integer()).ptr;
+      break;
+    case Field::Kind::kUnsigned:
+      p = std::to_chars(p, p + 32, field.unsignedInteger()).ptr;
+      break;
+    case Field::Kind::kDouble:
+      p = std::to_chars(p, p + 32, field.number()).ptr;
       break;
     case Field::Kind::kBool:
       std::memcpy(p, field.boolean() ? "true" : "false", field.boolean() ? 4 : 5);
       p += field.boolean() ? 4 : 5;
       break;
-    case Field::Kind::kNull:
+    default:
       std::memcpy(p, "null", 4);
       p += 4;
       break;
-    default:
-      return 0;
   }
-  return static_cast<std::size_t>(p - buffer);
+  return p;
 }
 
 bool appendValue(std::string& out, const Field& field, NonFinite nonFinite) {
@@ -146,24 +181,39 @@ bool appendFields(std::string& out, const Field* fields, std::size_t count, NonF
                   std::optional<std::string_view> skip) {
   std::vector<bool> repeated;
   if (count > kQuadraticLimit) repeated = repeatedKeys(fields, count);
-  char buffer[192];
+  auto dropped = [&](std::size_t i) {
+    const Field& field = fields[i];
+    if (skip && field.key() == *skip) return true;
+    if (count > kQuadraticLimit) return static_cast<bool>(repeated[i]);
+    for (std::size_t j = 0; j < i; ++j) {
+      if (fields[j].key() == field.key()) return true;
+    }
+    return false;
+  };
+
+  // The common case: every field goes in as it stands, so the output grows
+  // once and the members are copied straight into it.
+  std::size_t bound = 32;
+  for (std::size_t i = 0; i < count && bound != 0; ++i) {
+    const std::size_t field = shortBound(fields[i], nonFinite);
+    bound = field == 0 ? 0 : bound + field;
+  }
+  if (bound != 0) {
+    const std::size_t start = out.size();
+    out.resize(start + bound);
+    char* p = out.data() + start;
+    for (std::size_t i = 0; i < count; ++i) {
+      if (!dropped(i)) p = writeShort(p, fields[i]);
+    }
+    out.resize(static_cast<std::size_t>(p - out.data()));
+    return true;
+  }
+
   for (std::size_t i = 0; i < count; ++i) {
     const Field& field = fields[i];
-    bool drop = skip && field.key() == *skip;
-    if (!drop) {
-      if (count > kQuadraticLimit) {
-        drop = repeated[i];
-      } else {
-        for (std::size_t j = 0; j < i && !drop; ++j) drop = fields[j].key() == field.key();
-      }
-    }
-    if (drop) {
+    if (dropped(i)) {
       // A bad RawJson is the caller's mistake even where another field wins.
       if (field.kind() == Field::Kind::kRaw) parsedRaw(field);
-      continue;
-    }
-    if (const std::size_t length = writeShort(buffer, field, nonFinite)) {
-      out.append(buffer, length);
       continue;
     }
     out += ',';

@@ -1,9 +1,9 @@
 #include "encoding/json_text.h"
 
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 #include "encoding/utf8.h"
 
@@ -99,27 +99,29 @@ double numberValue(const Json& value) {
   return 0;
 }
 
-namespace {
-
-// Bytes a JSON string cannot hold as they stand.
-constexpr std::array<bool, 256> kEscaped = [] {
-  std::array<bool, 256> table{};
-  for (int byte = 0; byte < 0x20; ++byte) table[byte] = true;
-  table['"'] = true;
-  table['\\'] = true;
-  return table;
-}();
-
-}  // namespace
-
 bool writesAsIs(std::string_view text) {
-  unsigned high = 0;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (kEscaped[byte]) return false;
+  // Eight bytes at a time: a control byte, '"' or '\\' anywhere in a word
+  // sets that byte's high bit in `escaped` (the usual "has a byte less than
+  // n / equal to c" word tricks, exact for these values); then the tail.
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr std::uint64_t kHighs = 0x8080808080808080ULL;
+  auto hasZero = [](std::uint64_t v) { return (v - kOnes) & ~v & kHighs; };
+  std::uint64_t escaped = 0, high = 0;
+  std::size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, text.data() + i, 8);
+    high |= word;
+    escaped |= ((word - kOnes * 0x20) & ~word & kHighs) | hasZero(word ^ (kOnes * '"')) |
+               hasZero(word ^ (kOnes * '\\'));
+  }
+  for (; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    escaped |= byte < 0x20 || byte == '"' || byte == '\\';
     high |= byte;
   }
-  return high < 0x80 || utf8::isValid(text);
+  if (escaped) return false;
+  return (high & kHighs) == 0 || utf8::isValid(text);
 }
 
 void appendJsonString(std::string& out, std::string_view text) {
