@@ -318,6 +318,66 @@ bool CollectorStore::hasSession(const std::string& id) {
   return sqlite3_step(find.get()) == SQLITE_ROW;
 }
 
+namespace {
+
+// One row of each table, from the columns every query of it selects first,
+// in this order.
+SessionRow sessionFrom(sqlite3_stmt* s) {
+  SessionRow row;
+  row.id = columnText(s, 0);
+  row.receivedMs = sqlite3_column_int64(s, 1);
+  row.serviceMs = sqlite3_column_int64(s, 2);
+  row.throttled = sqlite3_column_int(s, 3) != 0;
+  row.property = columnOptionalText(s, 4);
+  row.application = columnOptionalText(s, 5);
+  row.applicationVersion = columnOptionalText(s, 6);
+  row.platform = columnOptionalText(s, 7);
+  row.deviceType = columnOptionalText(s, 8);
+  row.deviceVersion = columnOptionalText(s, 9);
+  row.clientDeviceId = columnOptionalText(s, 10);
+  row.deviceModel = columnOptionalText(s, 11);
+  row.uuidToken = columnOptionalText(s, 12);
+  row.cookie = columnOptionalText(s, 13);
+  row.helloJson = columnText(s, 14);
+  return row;
+}
+
+EventRow eventFrom(sqlite3_stmt* s) {
+  EventRow row;
+  row.id = sqlite3_column_int64(s, 0);
+  row.sessionId = columnText(s, 1);
+  row.type = columnText(s, 2);
+  row.dataJson = columnText(s, 3);
+  row.eventMs = columnOptionalInt(s, 4);
+  row.receivedMs = sqlite3_column_int64(s, 5);
+  row.dataLength = sqlite3_column_int64(s, 6);
+  return row;
+}
+
+ErrorRow errorFrom(sqlite3_stmt* s) {
+  ErrorRow row;
+  row.id = sqlite3_column_int64(s, 0);
+  row.sessionId = columnText(s, 1);
+  row.application = columnOptionalText(s, 2);
+  row.errorCodeJson = columnText(s, 3);
+  row.errorMs = columnOptionalInt(s, 4);
+  row.dataJson = columnText(s, 5);
+  row.receivedMs = sqlite3_column_int64(s, 6);
+  return row;
+}
+
+ProblemRow problemFrom(sqlite3_stmt* s) {
+  ProblemRow row;
+  row.id = sqlite3_column_int64(s, 0);
+  row.receivedMs = sqlite3_column_int64(s, 1);
+  row.method = columnText(s, 2);
+  row.path = columnText(s, 3);
+  row.description = columnText(s, 4);
+  return row;
+}
+
+}  // namespace
+
 std::vector<SessionRow> CollectorStore::sessions(const StoreFilter& filter) {
   std::lock_guard<std::mutex> lock(mutex_);
   Statement query(db_,
@@ -329,24 +389,7 @@ std::vector<SessionRow> CollectorStore::sessions(const StoreFilter& filter) {
   if (!query.get()) return rows;
   bindSince(query.get(), filter);
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
-    sqlite3_stmt* s = query.get();
-    SessionRow row;
-    row.id = columnText(s, 0);
-    row.receivedMs = sqlite3_column_int64(s, 1);
-    row.serviceMs = sqlite3_column_int64(s, 2);
-    row.throttled = sqlite3_column_int(s, 3) != 0;
-    row.property = columnOptionalText(s, 4);
-    row.application = columnOptionalText(s, 5);
-    row.applicationVersion = columnOptionalText(s, 6);
-    row.platform = columnOptionalText(s, 7);
-    row.deviceType = columnOptionalText(s, 8);
-    row.deviceVersion = columnOptionalText(s, 9);
-    row.clientDeviceId = columnOptionalText(s, 10);
-    row.deviceModel = columnOptionalText(s, 11);
-    row.uuidToken = columnOptionalText(s, 12);
-    row.cookie = columnOptionalText(s, 13);
-    row.helloJson = columnText(s, 14);
-    rows.push_back(std::move(row));
+    rows.push_back(sessionFrom(query.get()));
   }
   return rows;
 }
@@ -354,22 +397,14 @@ std::vector<SessionRow> CollectorStore::sessions(const StoreFilter& filter) {
 std::vector<EventRow> CollectorStore::events(const StoreFilter& filter) {
   std::lock_guard<std::mutex> lock(mutex_);
   Statement query(db_,
-                  "SELECT id, session_id, type, data_json, event_ms, received_ms FROM events "
-                  "WHERE received_ms >= ?1 AND (?2 IS NULL OR type = ?2) ORDER BY id");
+                  "SELECT id, session_id, type, data_json, event_ms, received_ms, length(data_json) "
+                  "FROM events WHERE received_ms >= ?1 AND (?2 IS NULL OR type = ?2) ORDER BY id");
   std::vector<EventRow> rows;
   if (!query.get()) return rows;
   bindSince(query.get(), filter);
   bindText(query.get(), 2, filter.type);
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
-    sqlite3_stmt* s = query.get();
-    EventRow row;
-    row.id = sqlite3_column_int64(s, 0);
-    row.sessionId = columnText(s, 1);
-    row.type = columnText(s, 2);
-    row.dataJson = columnText(s, 3);
-    row.eventMs = columnOptionalInt(s, 4);
-    row.receivedMs = sqlite3_column_int64(s, 5);
-    rows.push_back(std::move(row));
+    rows.push_back(eventFrom(query.get()));
   }
   return rows;
 }
@@ -383,16 +418,7 @@ std::vector<ErrorRow> CollectorStore::errors(const StoreFilter& filter) {
   if (!query.get()) return rows;
   bindSince(query.get(), filter);
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
-    sqlite3_stmt* s = query.get();
-    ErrorRow row;
-    row.id = sqlite3_column_int64(s, 0);
-    row.sessionId = columnText(s, 1);
-    row.application = columnOptionalText(s, 2);
-    row.errorCodeJson = columnText(s, 3);
-    row.errorMs = columnOptionalInt(s, 4);
-    row.dataJson = columnText(s, 5);
-    row.receivedMs = sqlite3_column_int64(s, 6);
-    rows.push_back(std::move(row));
+    rows.push_back(errorFrom(query.get()));
   }
   return rows;
 }
@@ -406,14 +432,7 @@ std::vector<ProblemRow> CollectorStore::problems(const StoreFilter& filter) {
   if (!query.get()) return rows;
   bindSince(query.get(), filter);
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
-    sqlite3_stmt* s = query.get();
-    ProblemRow row;
-    row.id = sqlite3_column_int64(s, 0);
-    row.receivedMs = sqlite3_column_int64(s, 1);
-    row.method = columnText(s, 2);
-    row.path = columnText(s, 3);
-    row.description = columnText(s, 4);
-    rows.push_back(std::move(row));
+    rows.push_back(problemFrom(query.get()));
   }
   return rows;
 }
@@ -444,17 +463,6 @@ void bindPage(sqlite3_stmt* stmt, const PageQuery& query) {
   sqlite3_bind_int(stmt, 4, clampedLimit(query.limit));
 }
 
-EventRow eventFrom(sqlite3_stmt* s) {
-  EventRow row;
-  row.id = sqlite3_column_int64(s, 0);
-  row.sessionId = columnText(s, 1);
-  row.type = columnText(s, 2);
-  row.dataJson = columnText(s, 3);
-  row.eventMs = columnOptionalInt(s, 4);
-  row.receivedMs = sqlite3_column_int64(s, 5);
-  row.dataLength = sqlite3_column_int64(s, 6);
-  return row;
-}
 
 std::int64_t singleInt(sqlite3* db, const char* sql) {
   Statement query(db, sql);
@@ -532,22 +540,8 @@ std::vector<SessionSummary> CollectorStore::sessionSummaries(int limit) {
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
     sqlite3_stmt* s = query.get();
     SessionSummary summary;
-    SessionRow& row = summary.session;
-    row.id = columnText(s, 0);
-    row.receivedMs = sqlite3_column_int64(s, 1);
-    row.serviceMs = sqlite3_column_int64(s, 2);
-    row.throttled = sqlite3_column_int(s, 3) != 0;
-    row.property = columnOptionalText(s, 4);
-    row.application = columnOptionalText(s, 5);
-    row.applicationVersion = columnOptionalText(s, 6);
-    row.platform = columnOptionalText(s, 7);
-    row.deviceType = columnOptionalText(s, 8);
-    row.deviceVersion = columnOptionalText(s, 9);
-    row.clientDeviceId = columnOptionalText(s, 10);
-    row.deviceModel = columnOptionalText(s, 11);
-    row.uuidToken = columnOptionalText(s, 12);
-    row.cookie = columnOptionalText(s, 13);
-    row.helloJson = columnText(s, 14);
+    summary.session = sessionFrom(s);
+    const SessionRow& row = summary.session;
     summary.eventCount = sqlite3_column_int64(s, 15);
     summary.lastSeenMs = std::max(row.receivedMs, columnOptionalInt(s, 16).value_or(0));
     rows.push_back(std::move(summary));
@@ -567,15 +561,7 @@ std::vector<ErrorRow> CollectorStore::errorPage(const PageQuery& query) {
   bindPage(s, query);
   bindText(s, 5, query.sessionId);
   while (sqlite3_step(s) == SQLITE_ROW) {
-    ErrorRow row;
-    row.id = sqlite3_column_int64(s, 0);
-    row.sessionId = columnText(s, 1);
-    row.application = columnOptionalText(s, 2);
-    row.errorCodeJson = columnText(s, 3);
-    row.errorMs = columnOptionalInt(s, 4);
-    row.dataJson = columnText(s, 5);
-    row.receivedMs = sqlite3_column_int64(s, 6);
-    rows.push_back(std::move(row));
+    rows.push_back(errorFrom(s));
   }
   return rows;
 }
@@ -592,12 +578,7 @@ std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
   if (!s) return rows;
   bindPage(s, query);
   while (sqlite3_step(s) == SQLITE_ROW) {
-    ProblemRow row;
-    row.id = sqlite3_column_int64(s, 0);
-    row.receivedMs = sqlite3_column_int64(s, 1);
-    row.method = columnText(s, 2);
-    row.path = columnText(s, 3);
-    row.description = columnText(s, 4);
+    ProblemRow row = problemFrom(s);
     row.layer = columnText(s, 5);
     row.bodyBytes = columnOptionalInt(s, 6);
     rows.push_back(std::move(row));
