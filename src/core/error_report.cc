@@ -7,16 +7,19 @@
 
 namespace telvo {
 
-void Telvo::Impl::sendError(Json code, std::optional<Json> details) {
-  if (details && !details->is_object()) {
-    throw UsageError(std::string("Telvo::sendError: details must be a JSON object, not ") +
-                     details->type_name());
-  }
-  if (!initialized.load(std::memory_order_acquire)) return;
+// Both forms: accepted only once initialised (throttling does not stop
+// reports), and never without a code.
+bool Telvo::Impl::acceptsErrorReport(const Json& code) const {
+  if (!initialized.load(std::memory_order_acquire)) return false;
   if (code.is_null()) {
     log("Telvo: error report dropped: its error code is null");
-    return;
+    return false;
   }
+  return true;
+}
+
+template <typename Details>
+void Telvo::Impl::queueErrorReport(Json code, Details details) {
   if (debugging()) log("Reporting error: " + encoding::describeJson(&code));
   // The ticket is returned when the report's post completes, or as soon as
   // the report is dropped (the queue included).
@@ -31,13 +34,18 @@ void Telvo::Impl::sendError(Json code, std::optional<Json> details) {
       });
 }
 
+void Telvo::Impl::sendError(Json code, std::optional<Json> details) {
+  if (details && !details->is_object()) {
+    throw UsageError(std::string("Telvo::sendError: details must be a JSON object, not ") +
+                     details->type_name());
+  }
+  if (!acceptsErrorReport(code)) return;
+  queueErrorReport(std::move(code), std::move(details));
+}
+
 void Telvo::Impl::sendError(Json code, const Field* details, std::size_t count) {
   if (count == 0) return sendError(std::move(code), std::nullopt);
-  if (!initialized.load(std::memory_order_acquire)) return;
-  if (code.is_null()) {
-    log("Telvo: error report dropped: its error code is null");
-    return;
-  }
+  if (!acceptsErrorReport(code)) return;
   // Written here: the fields view the caller's values, which do not outlive
   // the call.
   delivery::WrittenDetails written;
@@ -48,16 +56,7 @@ void Telvo::Impl::sendError(Json code, const Field* details, std::size_t count) 
     written.timestamp |= key == "timestamp";
     written.errorCode |= key == "errorCode";
   }
-  if (debugging()) log("Reporting error: " + encoding::describeJson(&code));
-  platform.backgroundQueue->post(
-      [self = self(), code = std::move(code), written = std::move(written),
-       ticket = deliveries->begin()] {
-        try {
-          self->_impl->postErrorReport(code, written, ticket);
-        } catch (const std::exception& e) {
-          log(std::string("Telvo: error report dropped: ") + e.what());
-        }
-      });
+  queueErrorReport(std::move(code), std::move(written));
 }
 
 template <typename Details>

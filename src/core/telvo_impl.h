@@ -44,6 +44,10 @@ struct TELVO_LOCAL Telvo::Impl {
   template <typename Details>
   void postErrorReport(const Json& code, const Details& details,
                        std::shared_ptr<core::Deliveries::Ticket> ticket);
+  bool acceptsErrorReport(const Json& code) const;
+  // Logs the report (in debug) and hands it to the background queue.
+  template <typename Details>
+  void queueErrorReport(Json code, Details details);
 
   // --- Start-up and answers (startup.cc).
   void getConfigs();
