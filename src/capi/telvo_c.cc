@@ -124,13 +124,21 @@ bool objectArgument(const char* text, const char* what, std::optional<telvo::Jso
 }
 
 // The host's fields as the client's, checked first so that bad input queues
-// nothing. False (with the reason left) for a bad field.
-bool toFields(const telvo_field* fields, size_t count, std::vector<telvo::Field>& out) {
+// nothing. JSON fields are parsed once, here, and handed over as the parsed
+// value. False (with the reason left) for a bad field.
+struct Converted {
+  std::vector<telvo::Field> fields;
+  std::vector<telvo::Json> values;  // what JSON fields view; reserved, never moved
+};
+
+bool toFields(const telvo_field* fields, size_t count, Converted& converted) {
+  std::vector<telvo::Field>& out = converted.fields;
   if (count > 0 && !fields) {
     fail(TELVO_ERROR_NULL_ARGUMENT, "fields is null");
     return false;
   }
   out.reserve(count);
+  converted.values.reserve(count);
   for (size_t i = 0; i < count; ++i) {
     const telvo_field& field = fields[i];
     if (!field.key) {
@@ -165,8 +173,9 @@ bool toFields(const telvo_field* fields, size_t count, std::vector<telvo::Field>
           fail(TELVO_ERROR_INVALID_JSON, what + " has no JSON text");
           return false;
         }
-        if (!parsed(field.text, what.c_str())) return false;
-        out.emplace_back(key, telvo::RawJson(field.text));
+        auto value = parsed(field.text, what.c_str());
+        if (!value) return false;
+        out.emplace_back(key, converted.values.emplace_back(std::move(*value)));
         break;
       }
       default:
@@ -337,9 +346,9 @@ int telvo_send_event_fields(telvo_client* client, const char* name, const telvo_
                             size_t count) {
   return guarded([&] {
     if (!client || !name) return fail(TELVO_ERROR_NULL_ARGUMENT, "client or name is null");
-    std::vector<telvo::Field> converted;
+    Converted converted;
     if (!toFields(fields, count, converted)) return static_cast<int>(lastStatus);
-    client->client->sendEvent(name, converted.data(), converted.size());
+    client->client->sendEvent(name, converted.fields.data(), converted.fields.size());
     return TELVO_OK;
   });
 }
@@ -351,9 +360,10 @@ int telvo_send_error_fields(telvo_client* client, const char* code_json, const t
     auto code = parsed(code_json, "the error code");
     if (!code) return TELVO_ERROR_INVALID_JSON;
     if (code->is_null()) return fail(TELVO_ERROR_INVALID_JSON, "the error code is null");
-    std::vector<telvo::Field> converted;
+    Converted converted;
     if (!toFields(fields, count, converted)) return static_cast<int>(lastStatus);
-    client->client->sendError(std::move(*code), converted.data(), converted.size());
+    client->client->sendError(std::move(*code), converted.fields.data(),
+                              converted.fields.size());
     return TELVO_OK;
   });
 }
