@@ -18,8 +18,10 @@
 //
 // Threads. Every public member function may be called from any thread and
 // returns without waiting for the network or the main queue. Work happens on:
-//   - the platform's main queue: event capture, every change of the queue
-//     and of postCount, the flush and the batch timer;
+//   - the calling thread: the acceptance test, the stamp and the flush
+//     decision of each event (postCount changes here, in acceptance order);
+//   - the platform's main queue: the capture of accepted events into the
+//     queue, the flush and the batch timer;
 //   - the platform's background queue: building error reports;
 //   - the transport's thread: configuration and hello answers, the
 //     "TelvoSessionIDReceived" notification and the delegate's
@@ -83,6 +85,7 @@
 #include <string_view>
 #include <vector>
 
+#include "telvo/client_options.h"
 #include "telvo/event.h"
 #include "telvo/executor.h"
 #include "telvo/field.h"
@@ -113,6 +116,11 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
                                        std::string environment);
   static std::shared_ptr<Telvo> create(std::shared_ptr<TelvoConfig> config, std::string property,
                                        std::string environment, const Platform& platform);
+  // The same with bounds of the host's choosing (see client_options.h);
+  // without them the defaults hold.
+  static std::shared_ptr<Telvo> create(std::shared_ptr<TelvoConfig> config, std::string property,
+                                       std::string environment, const Platform& platform,
+                                       const ClientOptions& options);
 
   ~Telvo() override;
   Telvo(const Telvo&) = delete;
@@ -120,11 +128,16 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
 
   // Queues one event. Dropped silently unless the client is initialised, its
   // master configuration enabled and it is not throttled (tested now, on the
-  // calling thread). The capture itself runs on the main queue: "timestamp"
-  // (service-clock milliseconds, a whole number) is set in the data, or the
-  // data becomes {"applicationName": appName} when none is given; then the
-  // queue may be flushed (a high-priority name, an "error" event, or the
-  // count in count batching). Throws UsageError when `data` is not an object.
+  // calling thread). Also on the calling thread the call is stamped
+  // ("timestamp": service-clock milliseconds, a whole number, set in the
+  // data; or the data becomes {"applicationName": appName} when none is
+  // given) and the flush it asks for is decided (a high-priority name, an
+  // "error" event, or the count in count batching): such a flush is
+  // scheduled on the main queue at once. Other events wait, without waking
+  // any thread, until the next flush (the timer's, or any other) captures
+  // them in the order they were accepted. An event beyond the bounds of
+  // client_options.h is dropped and counted. Throws UsageError when `data`
+  // is not an object.
   void sendEvent(const std::string& name, std::optional<Json> data = std::nullopt);
 
   // The same with the data as a flat list of fields (see field.h), which
@@ -166,17 +179,21 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
   void timedPost(const Timer* timer = nullptr);
   // Schedules a flush on the main queue and returns: the queue is emptied in
   // timestamp order into one post of {"sessionId", "events": [{"eventType",
-  // "eventData"}...]} to servicesUrl + batchApi + ".json". An empty queue
-  // sends nothing. Whatever becomes of the post, the events are gone.
+  // "eventData"}...]} to servicesUrl + batchApi + ".json" (several, in
+  // order, when the events exceed ClientOptions::maxPostBytes). An empty
+  // queue sends nothing. Whatever becomes of the post, the events are gone.
   void dumpEvents();
 
   // Sends everything accepted so far and waits for it to be delivered, at
   // most `timeout`. Every event accepted before the call is captured and the
-  // queue flushed as dumpEvents does; then the call waits until that post and
-  // every error report this client accepted before it have completed,
-  // whatever the service answered or however the transfer failed. True when
-  // all of them have completed in time (also when there was nothing to
-  // send); false on time-out, when the work goes on without the caller.
+  // queue flushed as dumpEvents does; then the call waits until those posts
+  // and every error report this client accepted before it have completed.
+  // True when all of them have completed in time (also when there was
+  // nothing to send) and no event or error report was dropped by a bound or
+  // lost in a failed post (no answer, or a status other than 2xx) since the
+  // previous flush returned (or the client was created); false otherwise,
+  // and on time-out, when the work goes on without the caller. stats() says
+  // what was lost.
   // Callable from any thread. On the main queue's own thread it cannot wait
   // for the main queue: it schedules the flush and returns false at once
   // (for a host-supplied main queue whose isCurrent() cannot tell, it waits
@@ -231,13 +248,20 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
   // the previous one.
   std::shared_ptr<Timer> batchTimer() const;
   void setBatchTimer(std::shared_ptr<Timer> timer);
-  // A copy of the queued events. Only consistent when read on the main queue:
-  // elsewhere, captures and flushes may be under way.
+  // A copy of the queued events, every event accepted so far captured first.
+  // Only consistent when read on the main queue: elsewhere, flushes may be
+  // under way.
   std::vector<Event> batch() const;
   // Replaces the queue (intended for the main queue, like every queue change).
   void setBatch(std::vector<Event> batch);
   bool debug() const;
   void setDebug(bool debug);
+
+  // What became of the events and error reports handed to this client so
+  // far (see client_options.h). Cheap: relaxed counters, no lock.
+  Stats stats() const;
+  // The bounds the client was made with.
+  const ClientOptions& options() const;
   // The delegate, or null when none was set or it has been destroyed.
   std::shared_ptr<TelvoDelegate> delegate() const;
   void setDelegate(std::weak_ptr<TelvoDelegate> delegate);
@@ -257,7 +281,7 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
  private:
   struct Impl;  // src/core/telvo_impl.h
   Telvo(std::shared_ptr<TelvoConfig> config, std::string property, std::string environment,
-        const Platform& platform);
+        const Platform& platform, const ClientOptions& options);
   std::unique_ptr<Impl> _impl;
 };
 

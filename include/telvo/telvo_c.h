@@ -22,7 +22,14 @@
  * queued. The client behaves as the C++ Telvo class does (telvo/telvo.h):
  * events are accepted only once it is initialised, enabled and not
  * throttled, and are otherwise dropped silently, so TELVO_OK means "accepted
- * or silently refused", not "queued". */
+ * or silently refused", not "queued" (telvo_client_stats counts both).
+ *
+ * Undefined behaviour, as in any C library, and not detected: releasing a
+ * handle twice; using a handle after releasing it (from any thread, the
+ * client's own callback included); a `count` larger than the array it
+ * describes, or keys and values arrays shorter than `count`; texts that are
+ * not NUL-terminated; a buffer shorter than the `size` given for it;
+ * releasing a client while another thread is still calling it. */
 #ifndef TELVO_TELVO_C_H
 #define TELVO_TELVO_C_H
 
@@ -43,6 +50,7 @@ extern "C" {
 #define TELVO_ERROR_TIMEOUT 4          /* the deadline passed first */
 #define TELVO_ERROR_BUFFER_TOO_SMALL 5 /* the text did not fit; see the size written back */
 #define TELVO_ERROR_INTERNAL 6         /* out of memory, or a failure inside the library */
+#define TELVO_ERROR_INCOMPLETE 7       /* done, but something was dropped or failed */
 
 typedef struct telvo_config telvo_config;
 typedef struct telvo_client telvo_client;
@@ -84,6 +92,22 @@ TELVO_API void telvo_config_release(telvo_config* config);
  * configuration document at once. */
 TELVO_API int telvo_client_create(const telvo_config* config, const char* property,
                                   const char* environment, telvo_client** out);
+/* Bounds of one client (see telvo/client_options.h for what each bounds and
+ * what is dropped beyond it). A field left 0 keeps its default. */
+typedef struct telvo_client_options {
+  size_t max_queued_bytes;          /* default 8 MiB */
+  size_t max_post_bytes;            /* default 4 MiB */
+  size_t max_backlog_bytes;         /* default 8 MiB */
+  size_t max_pending_error_reports; /* default 1000 */
+} telvo_client_options;
+/* Fills `options` with the defaults. */
+TELVO_API int telvo_client_options_init(telvo_client_options* options);
+/* telvo_client_create with bounds; null `options` is the defaults. */
+TELVO_API int telvo_client_create_with_options(const telvo_config* config, const char* property,
+                                               const char* environment,
+                                               const telvo_client_options* options,
+                                               telvo_client** out);
+
 /* Releases the host's client. Queued events not yet flushed are lost; call
  * telvo_flush first. After it returns, the initialised callback is not called
  * again. Do not release a client from inside its own callback. */
@@ -127,8 +151,11 @@ TELVO_API int telvo_send_error_fields(telvo_client* client, const char* code_jso
 TELVO_API int telvo_send_error(telvo_client* client, const char* code_json,
                                const char* details_json);
 /* Waits up to `timeout_ms` until every event and error report accepted
- * before the call has been sent and answered (or has failed): TELVO_OK, or
- * TELVO_ERROR_TIMEOUT. Never call it from the initialised callback. */
+ * before the call has been sent and answered (or has failed): TELVO_OK when
+ * all were delivered and nothing was dropped by a bound or lost in a failed
+ * post since the previous flush; TELVO_ERROR_TIMEOUT when the deadline came
+ * first; TELVO_ERROR_INCOMPLETE when something was lost (telvo_client_stats
+ * says what). Never call it from the initialised callback. */
 TELVO_API int telvo_flush(telvo_client* client, int64_t timeout_ms);
 /* Starts a flush without waiting. */
 TELVO_API int telvo_dump_events(telvo_client* client);
@@ -154,6 +181,31 @@ TELVO_API int telvo_client_is_throttled(const telvo_client* client, int* out);
  * small gets TELVO_ERROR_BUFFER_TOO_SMALL and as much as fits. */
 TELVO_API int telvo_client_session_id(const telvo_client* client, char* buffer, size_t size,
                                       size_t* needed);
+
+/* What became of the events and error reports handed to the client so far
+ * (the C++ telvo::Stats, field by field). Once the client is quiet (after
+ * telvo_flush), events_accepted == events_posted + the four events_dropped_
+ * counters + events_failed + events_queued. */
+typedef struct telvo_stats {
+  uint64_t events_accepted;
+  uint64_t events_refused_not_initialized;
+  uint64_t events_refused_disabled;
+  uint64_t events_refused_throttled;
+  uint64_t events_dropped_queue_full;
+  uint64_t events_dropped_too_large;
+  uint64_t events_dropped_backlog;
+  uint64_t events_dropped_unwritable;
+  uint64_t events_posted;
+  uint64_t events_failed;
+  uint64_t events_queued;
+  uint64_t errors_accepted;
+  uint64_t errors_dropped;
+  uint64_t errors_sent;
+  uint64_t errors_failed;
+  uint64_t posts_made;
+  uint64_t posts_failed;
+} telvo_stats;
+TELVO_API int telvo_client_stats(const telvo_client* client, telvo_stats* out);
 
 /* --- The library. */
 

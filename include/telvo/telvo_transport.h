@@ -9,7 +9,8 @@
 // wrapper is stripped from the body, the body is parsed as JSON (object or
 // array at the top) and the result goes to requestDidReceiveResult - or, when
 // it does not parse, to didFailWithError if implemented, else
-// requestDidReceiveResult with nothing. The HTTP status is never examined.
+// requestDidReceiveResult with nothing. The HTTP status is told to the
+// delegate (requestDidReceiveStatus) before the result, and never acted on.
 // The delegate is held strongly until its completion has run.
 //
 // Thread safety: every member function may be called from any thread.
@@ -32,6 +33,11 @@ class UserDefaults;
 // The user-defaults key of the service's cookie.
 inline constexpr const char* TelvoUUIDCookieKey = "telvoUUIDCookie";
 
+// The domains of the errors a delegate hears: a transfer that failed, and an
+// answer that arrived but does not parse.
+inline constexpr const char* kTransportErrorDomain = "telvo.transport";
+inline constexpr const char* kJSONErrorDomain = "telvo.json";
+
 // The contexts the client tags its requests with.
 inline constexpr std::int32_t kConfigurationContext = 0;  // the configuration fetch
 inline constexpr std::int32_t kHelloContext = 2;          // the hello
@@ -44,6 +50,13 @@ class TELVO_API TelvoTransportDelegate {
   // parsed value, or nothing where it did not parse.
   virtual void requestDidReceiveResult(const URLRequest& request, const std::optional<Json>& result,
                                        std::int32_t context) = 0;
+  // Optional: the answer's HTTP status, before its result. The libcurl
+  // transport tells it for every answer; a transport that cannot tell does
+  // not call it.
+  virtual void requestDidReceiveStatus(long statusCode, std::int32_t context) {
+    (void)statusCode;
+    (void)context;
+  }
   // Optional: a delegate that wants failures overrides both of these.
   virtual bool respondsToDidFailWithError() const { return false; }
   virtual void didFailWithError(const Error& error) { (void)error; }

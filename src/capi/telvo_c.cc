@@ -2,6 +2,8 @@
 // everything, so no exception crosses into C.
 #include "telvo/telvo_c.h"
 
+#include <atomic>
+
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -60,6 +62,8 @@ class CallbackDelegate final : public telvo::TelvoDelegate {
 struct telvo_client {
   std::shared_ptr<telvo::Telvo> client;
   std::shared_ptr<CallbackDelegate> delegate;
+  // Events and reports lost as the last telvo_flush saw them.
+  std::atomic<std::uint64_t> lostAtFlush{0};
 };
 
 namespace {
@@ -291,21 +295,72 @@ int telvo_config_set(telvo_config* config, const char* key, const char* value) {
 
 void telvo_config_release(telvo_config* config) { delete config; }
 
+int telvo_client_options_init(telvo_client_options* options) {
+  if (!options) return fail(TELVO_ERROR_NULL_ARGUMENT, "options is null");
+  const telvo::ClientOptions defaults;
+  options->max_queued_bytes = defaults.maxQueuedBytes;
+  options->max_post_bytes = defaults.maxPostBytes;
+  options->max_backlog_bytes = defaults.maxBacklogBytes;
+  options->max_pending_error_reports = defaults.maxPendingErrorReports;
+  return TELVO_OK;
+}
+
 int telvo_client_create(const telvo_config* config, const char* property,
                         const char* environment, telvo_client** out) {
+  return telvo_client_create_with_options(config, property, environment, nullptr, out);
+}
+
+int telvo_client_create_with_options(const telvo_config* config, const char* property,
+                                     const char* environment, const telvo_client_options* options,
+                                     telvo_client** out) {
   return guarded([&] {
     if (!out) return fail(TELVO_ERROR_NULL_ARGUMENT, "out is null");
     *out = nullptr;
     if (!config || !property || !environment) {
       return fail(TELVO_ERROR_NULL_ARGUMENT, "config, property or environment is null");
     }
+    telvo::ClientOptions bounds;
+    if (options) {
+      auto take = [](std::size_t given, std::size_t& field) {
+        if (given != 0) field = given;
+      };
+      take(options->max_queued_bytes, bounds.maxQueuedBytes);
+      take(options->max_post_bytes, bounds.maxPostBytes);
+      take(options->max_backlog_bytes, bounds.maxBacklogBytes);
+      take(options->max_pending_error_reports, bounds.maxPendingErrorReports);
+    }
     auto handle = std::make_unique<telvo_client>();
     handle->delegate = std::make_shared<CallbackDelegate>(handle.get());
     handle->client = telvo::Telvo::create(std::make_shared<telvo::TelvoConfig>(config->config),
-                                          property, environment);
+                                          property, environment, telvo::Platform{}, bounds);
     if (!handle->client) return fail(TELVO_ERROR_INTERNAL, "the client could not be created");
     handle->client->setDelegate(handle->delegate);
     *out = handle.release();
+    return TELVO_OK;
+  });
+}
+
+int telvo_client_stats(const telvo_client* client, telvo_stats* out) {
+  return guarded([&] {
+    if (!client || !out) return fail(TELVO_ERROR_NULL_ARGUMENT, "client or out is null");
+    const telvo::Stats stats = client->client->stats();
+    out->events_accepted = stats.eventsAccepted;
+    out->events_refused_not_initialized = stats.eventsRefusedNotInitialized;
+    out->events_refused_disabled = stats.eventsRefusedDisabled;
+    out->events_refused_throttled = stats.eventsRefusedThrottled;
+    out->events_dropped_queue_full = stats.eventsDroppedQueueFull;
+    out->events_dropped_too_large = stats.eventsDroppedTooLarge;
+    out->events_dropped_backlog = stats.eventsDroppedBacklog;
+    out->events_dropped_unwritable = stats.eventsDroppedUnwritable;
+    out->events_posted = stats.eventsPosted;
+    out->events_failed = stats.eventsFailed;
+    out->events_queued = stats.eventsQueued;
+    out->errors_accepted = stats.errorsAccepted;
+    out->errors_dropped = stats.errorsDropped;
+    out->errors_sent = stats.errorsSent;
+    out->errors_failed = stats.errorsFailed;
+    out->posts_made = stats.postsMade;
+    out->posts_failed = stats.postsFailed;
     return TELVO_OK;
   });
 }
@@ -371,7 +426,16 @@ int telvo_send_error_fields(telvo_client* client, const char* code_json, const t
 int telvo_flush(telvo_client* client, int64_t timeout_ms) {
   return guarded([&] {
     if (!client) return fail(TELVO_ERROR_NULL_ARGUMENT, "client is null");
-    if (client->client->flush(milliseconds(timeout_ms))) return TELVO_OK;
+    const bool delivered = client->client->flush(milliseconds(timeout_ms));
+    const telvo::Stats stats = client->client->stats();
+    const std::uint64_t lost = stats.eventsDropped() + stats.eventsFailed + stats.errorsDropped +
+                               stats.errorsFailed;
+    const bool complete = client->lostAtFlush.exchange(lost) == lost;
+    if (delivered) return TELVO_OK;
+    if (!complete) {
+      return fail(TELVO_ERROR_INCOMPLETE,
+                  "some events or error reports were dropped or failed (see telvo_client_stats)");
+    }
     return fail(TELVO_ERROR_TIMEOUT, "not everything was delivered within " +
                                          std::to_string(timeout_ms) + " ms");
   });

@@ -83,10 +83,14 @@ void Telvo::Impl::dumpEvents() {
 }
 
 void Telvo::Impl::flushNow() {
+  // Everything accepted so far is captured first: paced events wait for the
+  // flush as pending ones.
+  drainPendingEvents();
   // Taken whole and the queue left empty before anything is sent: whatever
   // becomes of the post, these events are not sent again.
   std::deque<delivery::QueuedEvent> events = queue.takeAll();
   if (events.empty()) return;
+  heldBytes.fetch_sub(static_cast<std::int64_t>(core::EventQueue::bytes(events)));
   // Capture stamps events in order, so the queue is nearly always sorted
   // already; a check is far cheaper than a merge sort's moves.
   auto earlier = [](const delivery::QueuedEvent& a, const delivery::QueuedEvent& b) {
@@ -97,17 +101,77 @@ void Telvo::Impl::flushNow() {
   }
 
   const Snapshot current = snapshot();
-  // The events themselves are freed once the post is on its way.
-  const std::string payload = delivery::BatchPayload::write(*current.session, events);
-  if (debugging()) log("Sending events string: " + payload);
   std::optional<std::string> servicesUrl, batchApi;
   if (current.master) {
     servicesUrl = current.master->servicesUrl();
     batchApi = current.master->batchApi();
   }
-  platform.transport->sendRequest(delivery::BatchPayload::request(servicesUrl, batchApi, payload),
-                                  kPostContext,
-                                  core::Deliveries::tracked(self(), deliveries->begin()));
+  // One post, or several in timestamp order when the events exceed a post.
+  for (std::size_t next = 0; next < events.size();) {
+    auto part = delivery::BatchPayload::write(*current.session, events, next, options.maxPostBytes);
+    next = part.next;
+    if (part.oversized > 0) {
+      counters.eventsDroppedTooLarge.add(part.oversized);
+      tooLarge.drop("Telvo: dropped " + std::to_string(part.oversized) +
+                    " event(s) larger than one post may be (" +
+                    std::to_string(options.maxPostBytes) +
+                    " bytes); such events are dropped and counted until one fits");
+    }
+    if (part.events == 0) continue;
+    if (debugging()) log("Sending events string: " + part.json);
+    post(delivery::BatchPayload::request(servicesUrl, batchApi, part.json), part.events,
+         deliveries->begin());
+  }
+}
+
+void Telvo::Impl::post(URLRequest request, std::size_t events,
+                       std::shared_ptr<core::Deliveries::Ticket> ticket) {
+  const auto size = static_cast<std::int64_t>(request.HTTPBody ? request.HTTPBody->size() : 0);
+  // One post is always let through: a bound smaller than one body must not
+  // stop everything.
+  const std::int64_t before = backlogBytes.fetch_add(size);
+  if (before > 0 && static_cast<std::uint64_t>(before + size) > options.maxBacklogBytes) {
+    backlogBytes.fetch_sub(size);
+    if (events > 0) {
+      counters.eventsDroppedBacklog.add(events);
+    } else {
+      counters.errorsDropped.add();
+    }
+    backlogFull.drop("Telvo: the transport's backlog is full (" +
+                     std::to_string(options.maxBacklogBytes) +
+                     " bytes of requests under way): new posts are dropped and counted until "
+                     "it drains");
+    return;  // the ticket goes back with it
+  }
+  backlogFull.fits();
+  if (events > 0) counters.postsMade.add();
+  // Runs once, while the request's delegate (holding the client) is alive.
+  auto settle = [this, size, events](bool delivered) {
+    backlogBytes.fetch_sub(size);
+    if (events > 0) {
+      (delivered ? counters.eventsPosted : counters.eventsFailed).add(events);
+      if (!delivered) counters.postsFailed.add();
+    } else {
+      (delivered ? counters.errorsSent : counters.errorsFailed).add();
+    }
+  };
+  platform.transport->sendRequest(
+      std::move(request), kPostContext,
+      core::Deliveries::tracked(self(), std::move(ticket), std::move(settle)));
+}
+
+void Telvo::Impl::replaceBatch(const std::vector<Event>& events) {
+  std::lock_guard<std::mutex> drainLock(drainMutex);
+  drainLocked();
+  // The pending ones are captured first, so the new queue replaces them too.
+  const auto replaced = queue.replace(events);
+  heldBytes.fetch_sub(static_cast<std::int64_t>(core::EventQueue::bytes(replaced)));
+  // What was just queued: read back rather than counted twice.
+  std::size_t added = 0;
+  for (const Event& event : events) {
+    added += event.name().size() + event.data().size() + delivery::QueuedEvent::kOverheadBytes;
+  }
+  heldBytes.fetch_add(static_cast<std::int64_t>(added));
 }
 
 bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {
@@ -128,7 +192,6 @@ bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {
   try {
     platform.mainQueue->post([self = self(), horizon] {
       try {
-        self->_impl->drainPendingEvents();
         self->_impl->flushNow();
       } catch (const std::exception& e) {
         log(std::string("Telvo: batch post dropped: ") + e.what());
@@ -151,7 +214,11 @@ bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {
     }
     until = *horizon->value;
   }
-  return deliveries->waitBefore(until, deadline);
+  if (!deliveries->waitBefore(until, deadline)) return false;
+  // Anything dropped by a bound or lost in a failed post since the last
+  // flush makes this one fail.
+  const std::uint64_t lost = counters.lost();
+  return lostAtLastFlush.exchange(lost) == lost;
 }
 
 }  // namespace telvo

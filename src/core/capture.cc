@@ -1,5 +1,6 @@
-// Event capture: acceptance on the caller's thread, the record and the flush
-// decision on the main queue.
+// Event capture: acceptance, the stamp and the flush decision on the
+// caller's thread; the record on whichever thread drains the pending events
+// (the main queue, or a thread that needs the queue whole).
 #include <charconv>
 
 #include "core/telvo_impl.h"
@@ -16,57 +17,144 @@ namespace {
 // than kept for the next ones.
 constexpr std::size_t kKeptBufferBytes = 4 << 20;
 
+// Pending events are handed to the main queue once they hold this many
+// bytes, though nothing asks for a flush: a burst is captured in runs, and
+// memory stays with the queue, where the flush takes it from.
+constexpr std::size_t kDrainBytes = 64 << 10;
+
+// The room "timestamp" and its braces take in a written event.
+constexpr std::size_t kStampBytes = 32;
+
+// What a Json event's data will take once written, read from its top level
+// only (the caller's thread pays for no walk of nested values); the capture
+// accounts the real size.
+std::size_t estimatedBytes(const Json& data) {
+  std::size_t bytes = kStampBytes;
+  for (auto it = data.begin(); it != data.end(); ++it) {
+    bytes += it.key().size() + 4;
+    const Json& value = *it;
+    if (value.is_string()) {
+      bytes += value.get_ref<const std::string&>().size() + 2;
+    } else if (value.is_structured()) {
+      bytes += value.size() * 16 + 2;
+    } else {
+      bytes += 8;
+    }
+  }
+  return bytes;
+}
+
+std::string byteCount(std::size_t bytes) { return std::to_string(bytes) + " bytes"; }
+
 }  // namespace
+
+bool Telvo::Impl::acceptsEvent() {
+  if (!initialized.load(std::memory_order_acquire)) {
+    counters.eventsRefusedNotInitialized.add();
+    return false;
+  }
+  if (!enabled.load(std::memory_order_acquire)) {
+    counters.eventsRefusedDisabled.add();
+    return false;
+  }
+  if (throttled.load(std::memory_order_acquire)) {
+    counters.eventsRefusedThrottled.add();
+    return false;
+  }
+  return true;
+}
 
 void Telvo::Impl::sendEvent(const std::string& name, std::optional<Json> data) {
   if (data && !data->is_object()) {
     throw UsageError("Telvo::sendEvent: data for event \"" + name +
                      "\" must be a JSON object, not " + data->type_name());
   }
-  if (!initialized.load(std::memory_order_acquire)) return;
-  if (!enabled.load(std::memory_order_acquire)) return;
-  if (throttled.load(std::memory_order_acquire)) return;
-
-  bool schedule = false;
-  {
-    std::lock_guard<std::mutex> lock(pendingMutex);
-    pending.push_back(PendingEvent{name, std::move(data)});
-    schedule = !drainScheduled;
-    drainScheduled = true;
-  }
-  if (schedule) postDrain(name);
+  if (!acceptsEvent()) return;
+  PendingEvent event;
+  event.stamp = serviceMilliseconds();
+  event.bytes = name.size() + delivery::QueuedEvent::kOverheadBytes +
+                (data ? estimatedBytes(*data) : kStampBytes);
+  event.name = name;
+  event.data = std::move(data);
+  enqueue(std::move(event), name, {});
 }
 
 void Telvo::Impl::sendEvent(std::string_view name, const Field* fields, std::size_t count) {
   if (count == 0) return sendEvent(std::string(name), std::nullopt);
-  if (!initialized.load(std::memory_order_acquire)) return;
-  if (!enabled.load(std::memory_order_acquire)) return;
-  if (throttled.load(std::memory_order_acquire)) return;
+  if (!acceptsEvent()) return;
 
   // Written here, outside the lock, into a buffer this thread keeps; the
   // client's "timestamp" is put in front at capture.
   thread_local std::string members;
   members.clear();
   if (!encoding::appendFields(members, fields, count, encoding::NonFinite::kRefuse, "timestamp")) {
+    counters.eventsAccepted.add();
+    counters.eventsDroppedUnwritable.add();
     log("Telvo: dropped event \"" + std::string(name) +
         "\": its data holds a number JSON cannot represent (NaN or infinity)");
     return;
   }
+  PendingEvent event;
+  event.stamp = serviceMilliseconds();
+  event.fields = true;
+  event.nameLength = name.size();
+  event.membersLength = members.size();
+  event.bytes = name.size() + members.size() + kStampBytes + delivery::QueuedEvent::kOverheadBytes;
+  enqueue(std::move(event), name, members);
+  // A rare huge event should not pin its buffer to the thread.
+  if (members.capacity() > kKeptBufferBytes) std::string().swap(members);
+}
+
+void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string_view members) {
+  counters.eventsAccepted.add();
+  if (event.bytes > options.maxPostBytes) {
+    counters.eventsDroppedTooLarge.add();
+    tooLarge.drop("Telvo: dropped event \"" + std::string(name.substr(0, 64)) + "\" of " +
+                  byteCount(event.bytes) + ": larger than one post may be (" +
+                  byteCount(options.maxPostBytes) +
+                  "); such events are dropped and counted until one fits");
+    return;
+  }
+  const std::size_t bytes = event.bytes;
+  bool full = false;
   bool schedule = false;
   {
     std::lock_guard<std::mutex> lock(pendingMutex);
-    PendingEvent event;
-    event.fields = true;
-    event.textOffset = pendingText.size();
-    event.nameLength = name.size();
-    event.membersLength = members.size();
-    pendingText.append(name).append(members);  // first: a failure leaves no event behind
-    pending.push_back(std::move(event));
-    schedule = !drainScheduled;
-    drainScheduled = true;
+    const auto held = static_cast<std::size_t>(std::max<std::int64_t>(0, heldBytes.load()));
+    if (held > options.maxQueuedBytes || bytes > options.maxQueuedBytes - held) {
+      full = true;
+    } else {
+      if (event.fields) {
+        event.textOffset = pendingText.size();
+        pendingText.append(name).append(members);  // first: a failure leaves no event behind
+      }
+      // The decision capture carries out, made now so that a flush is asked
+      // for at once, in acceptance order.
+      static const std::optional<std::vector<std::string>> kNoPriorities;
+      const TelvoMasterConfig* master = captureMaster.get();
+      event.decision = delivery::CaptureFlush::decide(
+          name, captureConfig ? captureConfig->highPriorityEvents() : kNoPriorities,
+          master && master->batchMode() == 1, master ? master->batchAmount() : 0,
+          postCount.load(std::memory_order_relaxed));
+      if (event.decision.counted) {
+        postCount.store(event.decision.postCount, std::memory_order_relaxed);
+      }
+      const bool flushes = event.decision.flushes > 0;
+      pending.push_back(std::move(event));
+      heldBytes.fetch_add(static_cast<std::int64_t>(bytes));
+      pendingBytes += bytes;
+      schedule = !drainScheduled && (flushes || pendingBytes >= kDrainBytes);
+      drainScheduled = drainScheduled || schedule;
+    }
   }
-  // A rare huge event should not pin its buffer to the thread.
-  if (members.capacity() > kKeptBufferBytes) std::string().swap(members);
+  if (full) {
+    counters.eventsDroppedQueueFull.add();
+    queueFull.drop("Telvo: the event queue is full (" + byteCount(options.maxQueuedBytes) +
+                   "): new events are dropped and counted until a flush makes room");
+    return;
+  }
+  queueFull.fits();
+  tooLarge.fits();
   if (schedule) postDrain(name);
 }
 
@@ -86,6 +174,11 @@ void Telvo::Impl::postDrain(std::string_view name) {
 }
 
 void Telvo::Impl::drainPendingEvents() {
+  std::lock_guard<std::mutex> drainLock(drainMutex);
+  drainLocked();
+}
+
+void Telvo::Impl::drainLocked() {
   // The pending buffers trade places with the drained ones, emptied last
   // time but keeping their memory: a steady stream of events allocates and
   // touches no new memory here or in sendEvent.
@@ -93,14 +186,18 @@ void Telvo::Impl::drainPendingEvents() {
     std::lock_guard<std::mutex> lock(pendingMutex);
     drained.swap(pending);
     drainedText.swap(pendingText);
+    pendingBytes = 0;
     // From here on a new call schedules a new drain, which runs after this one.
     drainScheduled = false;
   }
+  if (drained.empty()) return;
   const Snapshot current = snapshot();
   for (auto& event : drained) {
     try {
       captureEvent(event, drainedText, current);
     } catch (const std::exception& e) {
+      heldBytes.fetch_sub(static_cast<std::int64_t>(event.bytes));
+      counters.eventsDroppedUnwritable.add();
       log("Telvo: dropped event \"" +
           (event.fields ? drainedText.substr(event.textOffset, event.nameLength) : event.name) +
           "\": " + e.what());
@@ -135,7 +232,8 @@ void Telvo::Impl::captureEvent(PendingEvent& event, std::string_view pendingText
   // name and data once, at their exact size, into one allocation.
   thread_local std::string text;
   text.clear();
-  const double stamp = serviceMilliseconds();
+  const double stamp = event.stamp;
+  std::optional<std::string> dropped;
   if (event.fields) {
     char digits[32];
     text += "{\"timestamp\":";
@@ -145,36 +243,34 @@ void Telvo::Impl::captureEvent(PendingEvent& event, std::string_view pendingText
     text += '}';
   } else if (event.data) {
     if (!encoding::appendEventData(text, *event.data, wholeMilliseconds(stamp))) {
-      log("Telvo: dropped event \"" + event.name +
-          "\": its data holds a number JSON cannot represent (NaN or infinity)");
-      return;
+      dropped = "its data holds a number JSON cannot represent (NaN or infinity)";
     }
+  } else if (const auto appName = applicationName(current.config.get())) {
+    text += "{\"applicationName\":";
+    encoding::appendJson(text, *appName);
+    text += '}';
   } else {
-    if (const auto appName = applicationName(current.config.get())) {
-      text += "{\"applicationName\":";
-      encoding::appendJson(text, *appName);
-      text += '}';
-    } else {
-      log("Telvo: dropped event \"" + std::string(name) +
-          "\": it has no data and the configuration has no appName");
-      return;
-    }
+    dropped = "it has no data and the configuration has no appName";
   }
-  auto record =
-      delivery::QueuedEvent::make(name, text, /*dataIsCompactJson=*/true, stamp, current.session);
-  if (!record) {
-    log("Telvo: dropped an event whose name is 4 GiB or longer");
-    return;
+  std::optional<delivery::QueuedEvent> record;
+  if (!dropped) {
+    record = delivery::QueuedEvent::make(name, text, /*dataIsCompactJson=*/true, stamp,
+                                         current.session);
+    if (!record) dropped = "its name is 4 GiB or longer";
   }
-  queue.push(std::move(*record));
+  if (record) {
+    heldBytes.fetch_add(static_cast<std::int64_t>(record->bytes()) -
+                        static_cast<std::int64_t>(event.bytes));
+    queue.push(std::move(*record));
+  } else {
+    heldBytes.fetch_sub(static_cast<std::int64_t>(event.bytes));
+    counters.eventsDroppedUnwritable.add();
+    log("Telvo: dropped event \"" + std::string(name) + "\": " + *dropped);
+  }
 
-  static const std::optional<std::vector<std::string>> kNoPriorities;
-  const TelvoMasterConfig* master = current.master.get();
-  const auto decision = delivery::CaptureFlush::decide(
-      name, current.config ? current.config->highPriorityEvents() : kNoPriorities,
-      master && master->batchMode() == 1, master ? master->batchAmount() : 0,
-      postCount.load(std::memory_order_relaxed));
-  if (decision.counted) postCount.store(decision.postCount, std::memory_order_relaxed);
+  // The flushes its acceptance asked for go ahead whatever became of it: the
+  // count moved on when it was accepted.
+  const delivery::CaptureFlush& decision = event.decision;
   if (decision.onCount && debugging) log("Dumping events on count");
   for (int i = 0; i < decision.flushes; ++i) dumpEvents();
   if (decision.counted && debugging) log("Post count: " + std::to_string(decision.postCount));

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -62,9 +63,13 @@ class Deliveries : public std::enable_shared_from_this<Deliveries> {
 
   // A delegate for one request: it forwards everything to `inner` and holds
   // `ticket`, which the transport returns by releasing it after the request's
-  // completion.
+  // completion. `settle`, when given, hears once whether the request was
+  // delivered: an answer came with a 2xx status (or one the transport did
+  // not tell); a failed transfer, another status, or no completion at all
+  // is not delivered. It runs while `inner` is still held.
   static std::shared_ptr<TelvoTransportDelegate> tracked(
-      std::shared_ptr<TelvoTransportDelegate> inner, std::shared_ptr<Ticket> ticket);
+      std::shared_ptr<TelvoTransportDelegate> inner, std::shared_ptr<Ticket> ticket,
+      std::function<void(bool delivered)> settle = nullptr);
 
  private:
   void finish(std::uint64_t number) {

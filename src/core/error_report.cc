@@ -1,4 +1,7 @@
 // Error reports: posted at once, built on the background queue.
+#include <algorithm>
+#include <cstdint>
+
 #include "core/telvo_impl.h"
 #include "delivery/error_post.h"
 #include "encoding/field_text.h"
@@ -9,12 +12,23 @@ namespace telvo {
 
 // Both forms: accepted only once initialised (throttling does not stop
 // reports), and never without a code.
-bool Telvo::Impl::acceptsErrorReport(const Json& code) const {
+bool Telvo::Impl::acceptsErrorReport(const Json& code) {
   if (!initialized.load(std::memory_order_acquire)) return false;
+  counters.errorsAccepted.add();
   if (code.is_null()) {
+    counters.errorsDropped.add();
     log("Telvo: error report dropped: its error code is null");
     return false;
   }
+  if (pendingReports.load(std::memory_order_relaxed) >=
+      static_cast<std::int64_t>(std::min<std::size_t>(options.maxPendingErrorReports, INT64_MAX))) {
+    counters.errorsDropped.add();
+    reportsFull.drop("Telvo: " + std::to_string(options.maxPendingErrorReports) +
+                     " error reports wait to be sent: new ones are dropped and counted until "
+                     "they go");
+    return false;
+  }
+  reportsFull.fits();
   return true;
 }
 
@@ -23,12 +37,15 @@ void Telvo::Impl::queueErrorReport(Json code, Details details) {
   if (debugging()) log("Reporting error: " + encoding::describeJson(&code));
   // The ticket is returned when the report's post completes, or as soon as
   // the report is dropped (the queue included).
+  pendingReports.fetch_add(1, std::memory_order_relaxed);
   platform.backgroundQueue->post(
       [self = self(), code = std::move(code), details = std::move(details),
        ticket = deliveries->begin()] {
+        self->_impl->pendingReports.fetch_sub(1, std::memory_order_relaxed);
         try {
           self->_impl->postErrorReport(code, details, ticket);
         } catch (const std::exception& e) {
+          self->_impl->counters.errorsDropped.add();
           log(std::string("Telvo: error report dropped: ") + e.what());
         }
       });
@@ -65,6 +82,7 @@ void Telvo::Impl::postErrorReport(const Json& code, const Details& details,
   const Snapshot current = snapshot();
   const auto appName = applicationName(current.config.get());
   if (!appName) {
+    counters.errorsDropped.add();
     log("Telvo: error report dropped: the configuration has no appName");
     return;
   }
@@ -73,8 +91,7 @@ void Telvo::Impl::postErrorReport(const Json& code, const Details& details,
   if (debugging()) log("Payload: " + json);
   std::optional<std::string> servicesUrl;
   if (current.master) servicesUrl = current.master->servicesUrl();
-  platform.transport->sendRequest(delivery::ErrorPost::request(servicesUrl, json), kPostContext,
-                                  core::Deliveries::tracked(self(), std::move(ticket)));
+  post(delivery::ErrorPost::request(servicesUrl, json), 0, std::move(ticket));
 }
 
 }  // namespace telvo

@@ -46,7 +46,7 @@ std::vector<Event> EventQueue::copy() const {
   return events;
 }
 
-void EventQueue::replace(const std::vector<Event>& events) {
+std::deque<QueuedEvent> EventQueue::replace(const std::vector<Event>& events) {
   std::deque<QueuedEvent> records;
   for (const Event& event : events) {
     if (auto record = fromEvent(event)) {
@@ -55,10 +55,15 @@ void EventQueue::replace(const std::vector<Event>& events) {
       log("Telvo: dropped a queued event whose name is 4 GiB or longer");
     }
   }
-  std::deque<QueuedEvent> previous;  // freed outside the lock
   std::lock_guard<std::mutex> lock(_mutex);
-  previous.swap(_events);
   _events.swap(records);
+  return records;
+}
+
+std::size_t EventQueue::bytes(const std::deque<QueuedEvent>& events) {
+  std::size_t total = 0;
+  for (const QueuedEvent& event : events) total += event.bytes();
+  return total;
 }
 
 }  // namespace core

@@ -21,7 +21,10 @@ class EventQueue {
   std::deque<delivery::QueuedEvent> takeAll();
   std::vector<Event> copy() const;
   // Events whose name is too long to record are left out (and logged).
-  void replace(const std::vector<Event>& events);
+  // Returns the events it replaced.
+  std::deque<delivery::QueuedEvent> replace(const std::vector<Event>& events);
+  // The bytes `events` count for against the queue's bound.
+  static std::size_t bytes(const std::deque<delivery::QueuedEvent>& events);
 
  private:
   mutable std::mutex _mutex;

@@ -94,6 +94,8 @@ void Telvo::Impl::handleConfiguration(const std::optional<Json>& result) {
 
 void Telvo::Impl::handleHello(const std::optional<Json>& result) {
   if (auto answer = configuration::readHelloAnswer(result)) {
+    // Events accepted under the old session are captured with it.
+    drainPendingEvents();
     {
       std::lock_guard<std::mutex> lock(mutex);
       sessionID = answer->sessionId;

@@ -18,19 +18,22 @@
 
 namespace telvo {
 
-Telvo::Impl::Impl(Telvo& owner, const Platform& platform, std::shared_ptr<TelvoConfig> config,
-                  std::string property, std::string environment)
+Telvo::Impl::Impl(Telvo& owner, const Platform& platform, const ClientOptions& options,
+                  std::shared_ptr<TelvoConfig> config, std::string property,
+                  std::string environment)
     : owner(owner),
       platform(platform.withDefaults()),
+      options(options),
       sessionID(std::make_shared<const Json>("")),
-      config(std::move(config)),
+      config(config),
       environment(std::move(environment)),
-      property(std::move(property)) {}
+      property(std::move(property)),
+      captureConfig(std::move(config)) {}
 
 Telvo::Telvo(std::shared_ptr<TelvoConfig> config, std::string property, std::string environment,
-             const Platform& platform)
-    : _impl(std::make_unique<Impl>(*this, platform, std::move(config), std::move(property),
-                                   std::move(environment))) {}
+             const Platform& platform, const ClientOptions& options)
+    : _impl(std::make_unique<Impl>(*this, platform, options, std::move(config),
+                                   std::move(property), std::move(environment))) {}
 
 std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::string property,
                                      std::string environment) {
@@ -39,10 +42,17 @@ std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::s
 
 std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::string property,
                                      std::string environment, const Platform& platform) {
+  return create(std::move(config), std::move(property), std::move(environment), platform,
+                ClientOptions{});
+}
+
+std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::string property,
+                                     std::string environment, const Platform& platform,
+                                     const ClientOptions& options) {
   // A null configuration gives a client without one: its fetch has no
   // location and fails, and it never becomes initialised.
   std::shared_ptr<Telvo> client(
-      new Telvo(config, std::move(property), std::move(environment), platform));
+      new Telvo(config, std::move(property), std::move(environment), platform, options));
   Impl& impl = *client->_impl;
 
   // Observers hold the client weakly: they must not keep it alive, and a post
@@ -178,9 +188,7 @@ void replaceLocked(std::mutex& mutex, T& field, T value) {
 }  // namespace
 
 std::shared_ptr<TelvoConfig> Telvo::config() const { return locked(_impl->mutex, _impl->config); }
-void Telvo::setConfig(std::shared_ptr<TelvoConfig> config) {
-  replaceLocked(_impl->mutex, _impl->config, std::move(config));
-}
+void Telvo::setConfig(std::shared_ptr<TelvoConfig> config) { _impl->setConfig(std::move(config)); }
 std::string Telvo::environment() const { return locked(_impl->mutex, _impl->environment); }
 void Telvo::setEnvironment(std::string environment) {
   replaceLocked(_impl->mutex, _impl->environment, std::move(environment));
@@ -209,8 +217,13 @@ std::shared_ptr<Timer> Telvo::batchTimer() const { return locked(_impl->mutex, _
 void Telvo::setBatchTimer(std::shared_ptr<Timer> timer) {
   replaceLocked(_impl->mutex, _impl->batchTimer, std::move(timer));
 }
-std::vector<Event> Telvo::batch() const { return _impl->queue.copy(); }
-void Telvo::setBatch(std::vector<Event> batch) { _impl->queue.replace(batch); }
+std::vector<Event> Telvo::batch() const {
+  _impl->drainPendingEvents();
+  return _impl->queue.copy();
+}
+void Telvo::setBatch(std::vector<Event> batch) { _impl->replaceBatch(batch); }
+Stats Telvo::stats() const { return _impl->counters.snapshot(); }
+const ClientOptions& Telvo::options() const { return _impl->options; }
 bool Telvo::debug() const { return _impl->debugging(); }
 void Telvo::setDebug(bool debug) { _impl->debug.store(debug, std::memory_order_relaxed); }
 std::shared_ptr<TelvoDelegate> Telvo::delegate() const {
@@ -266,9 +279,23 @@ std::int64_t Telvo::Impl::wholeMilliseconds(double milliseconds) {
 }
 
 void Telvo::Impl::setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master) {
+  {
+    std::lock_guard<std::mutex> lock(pendingMutex);
+    captureMaster = master;
+  }
   std::lock_guard<std::mutex> lock(mutex);
   enabled.store(master && master->enabled(), std::memory_order_release);
   masterConfig = std::move(master);
+}
+
+void Telvo::Impl::setConfig(std::shared_ptr<TelvoConfig> replacement) {
+  {
+    std::lock_guard<std::mutex> lock(pendingMutex);
+    captureConfig = replacement;
+  }
+  // The old value is released after the lock: its destructor may call out.
+  std::lock_guard<std::mutex> lock(mutex);
+  std::swap(config, replacement);
 }
 
 }  // namespace telvo

@@ -17,23 +17,29 @@
 #include <string_view>
 #include <vector>
 
+#include "core/counters.h"
 #include "core/deliveries.h"
 #include "core/event_queue.h"
 #include "delivery/error_post.h"
+#include "delivery/flush_rules.h"
+#include "telvo/client_options.h"
 #include "telvo/platform.h"
 #include "telvo/telvo.h"
 
 namespace telvo {
 
 struct TELVO_LOCAL Telvo::Impl {
-  Impl(Telvo& owner, const Platform& platform, std::shared_ptr<TelvoConfig> config,
-       std::string property, std::string environment);
+  Impl(Telvo& owner, const Platform& platform, const ClientOptions& options,
+       std::shared_ptr<TelvoConfig> config, std::string property, std::string environment);
 
   // --- Capture (capture.cc).
   void sendEvent(const std::string& name, std::optional<Json> data);
   void sendEvent(std::string_view name, const Field* fields, std::size_t count);
-  // Main queue: captures every pending event in submission order.
+  // Captures every pending event in acceptance order: on the main queue, or
+  // on any thread that needs the queue whole (batch, a new session).
   void drainPendingEvents();
+  // The same with drainMutex held.
+  void drainLocked();
 
   // --- Error reports (error_report.cc).
   void sendError(Json code, std::optional<Json> details);
@@ -44,7 +50,8 @@ struct TELVO_LOCAL Telvo::Impl {
   template <typename Details>
   void postErrorReport(const Json& code, const Details& details,
                        std::shared_ptr<core::Deliveries::Ticket> ticket);
-  bool acceptsErrorReport(const Json& code) const;
+  // Counts the report: true when it is accepted and fits its bound.
+  bool acceptsErrorReport(const Json& code);
   // Logs the report (in debug) and hands it to the background queue.
   template <typename Details>
   void queueErrorReport(Json code, Details details);
@@ -61,6 +68,13 @@ struct TELVO_LOCAL Telvo::Impl {
   // Main queue: the body of dumpEvents.
   void flushNow();
   bool flush(std::chrono::milliseconds timeout);
+  // Replaces the queue (Telvo::setBatch), after capturing what is pending.
+  void replaceBatch(const std::vector<Event>& events);
+
+  // Hands a post of `events` events (or, with 0, one error report) to the
+  // transport, unless the backlog bound refuses it; counts its outcome.
+  void post(URLRequest request, std::size_t events,
+            std::shared_ptr<core::Deliveries::Ticket> ticket);
 
   // The fields a background job reads, taken together under the lock.
   struct Snapshot {
@@ -78,13 +92,27 @@ struct TELVO_LOCAL Telvo::Impl {
   // the 64-bit range (0 for NaN): never a wrapped or undefined conversion.
   static std::int64_t wholeMilliseconds(double milliseconds);
   void setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master);
+  void setConfig(std::shared_ptr<TelvoConfig> config);
   bool debugging() const { return debug.load(std::memory_order_relaxed); }
   // The client, for work that must keep it alive.
   std::shared_ptr<Telvo> self() { return owner.shared_from_this(); }
 
   Telvo& owner;
-  // What the client runs on, fixed at creation.
+  // What the client runs on, and its bounds, fixed at creation.
   const Platform platform;
+  const ClientOptions options;
+
+  core::Counters counters;
+  core::DropEpisode queueFull, tooLarge, backlogFull, reportsFull;
+  // Counters.lost() as the last flush saw it.
+  std::atomic<std::uint64_t> lostAtLastFlush{0};
+  // Bytes of events accepted and not yet taken by a flush (see
+  // ClientOptions::maxQueuedBytes); changed under pendingMutex when it grows.
+  std::atomic<std::int64_t> heldBytes{0};
+  // Request bodies handed to the transport and not yet completed.
+  std::atomic<std::int64_t> backlogBytes{0};
+  // Error reports accepted and not yet handed to the transport.
+  std::atomic<std::int64_t> pendingReports{0};
 
   std::atomic<bool> debug{false};
   std::atomic<bool> throttled{false};
@@ -115,9 +143,12 @@ struct TELVO_LOCAL Telvo::Impl {
   // may copy it from elsewhere.
   core::EventQueue queue;
 
-  // Accepted calls not yet captured. sendEvent appends here and posts one
-  // drain to the main queue only when none is pending, so a busy main queue
-  // costs the caller no wake-up per event.
+  // Accepted calls not yet captured. sendEvent stamps the call, decides on
+  // the caller's thread whether it asks for a flush (the count, a
+  // high-priority name, "error"), and appends it here. A drain is posted to
+  // the main queue only for a flush or once the pending events hold
+  // kDrainBytes; otherwise they wait for the next flush, which captures them
+  // first, so a paced stream of events wakes no thread.
   struct PendingEvent {
     // The Json path: the name and the data as given.
     std::string name;
@@ -126,16 +157,34 @@ struct TELVO_LOCAL Telvo::Impl {
     // at `textOffset` in pendingText.
     bool fields = false;
     std::size_t textOffset = 0, nameLength = 0, membersLength = 0;
+    // Service-clock milliseconds at the call.
+    double stamp = 0;
+    // What its acceptance decided, carried out at capture.
+    delivery::CaptureFlush decision;
+    // Its share of heldBytes until it is captured.
+    std::size_t bytes = 0;
   };
   std::mutex pendingMutex;
   std::vector<PendingEvent> pending;  // guarded by pendingMutex
   std::string pendingText;            // guarded by pendingMutex
+  std::size_t pendingBytes = 0;       // guarded by pendingMutex
   bool drainScheduled = false;        // guarded by pendingMutex
-  // The drain's side of the pending buffers; main queue only.
+  // The capture rules as the caller's thread reads them; guarded by
+  // pendingMutex, replaced with config and masterConfig.
+  std::shared_ptr<const TelvoConfig> captureConfig;
+  std::shared_ptr<const TelvoMasterConfig> captureMaster;
+  // Serialises drains, so events are captured in acceptance order whichever
+  // thread drains; guards the drain's side of the pending buffers.
+  std::mutex drainMutex;
   std::vector<PendingEvent> drained;
   std::string drainedText;
 
  private:
+  // Counts the call against the acceptance test: true when accepted.
+  bool acceptsEvent();
+  // Appends an accepted event (for fields, with its name and members) to the
+  // pending ones, unless a bound refuses it.
+  void enqueue(PendingEvent event, std::string_view name, std::string_view members);
   // Posts a drain of the pending events (the caller found none posted);
   // `name` is the event that asked, for the log.
   void postDrain(std::string_view name);

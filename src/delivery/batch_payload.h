@@ -21,6 +21,19 @@ struct BatchPayload {
   // becomes {} where it is not a JSON object or array.
   static std::string write(const Json& sessionId, const std::deque<QueuedEvent>& events);
 
+  // One post of a flush split under a size bound.
+  struct Part {
+    std::string json;         // the payload (with no events when none fit)
+    std::size_t events = 0;   // events in it
+    std::size_t oversized = 0;  // events skipped: alone they exceed the bound
+    std::size_t next = 0;     // where the next part starts
+  };
+  // The payload of as many events from `events[from]` on, in order, as fit
+  // in `maxBytes` of JSON text (at least one, unless an event is too large
+  // to fit even alone, which is skipped and counted).
+  static Part write(const Json& sessionId, const std::deque<QueuedEvent>& events,
+                    std::size_t from, std::size_t maxBytes);
+
   // The POST of `payload` to servicesUrl + batchApi + ".json" (an absent
   // part reads "(null)").
   static URLRequest request(const std::optional<std::string>& servicesUrl,

@@ -1,5 +1,7 @@
 #include "delivery/curl_client.h"
 
+#include <pthread.h>
+
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -54,6 +56,9 @@ bool isFieldValue(const std::string& text) {
 }
 
 std::string trimmed(std::string_view text) { return std::string(encoding::trimmed(text)); }
+
+// How long the loop sleeps with nothing to do: only a wake-up ends it.
+constexpr int kIdleWaitMs = 3600 * 1000;
 
 // How long past the grace time a stop waits for the last completions before
 // it leaves the thread to finish on its own.
@@ -276,6 +281,8 @@ bool CurlClient::Engine::join(SteadyClock::time_point until) {
 }
 
 void CurlClient::Engine::run() {
+  // Named, so that a device's `top -H` tells it from the host's threads.
+  pthread_setname_np(pthread_self(), "telvo-transport");
   // One failure must not end the thread: later requests would wait forever.
   for (;;) {
     try {
@@ -373,7 +380,9 @@ bool CurlClient::Engine::step() {
     if (running_.empty() && incoming_.empty()) return false;
   }
 
-  int waitMs = 1000;
+  // Idle, the loop sleeps until a request (or the stop) wakes it; a
+  // transfer's own deadlines need a look at least once a second.
+  int waitMs = running_.empty() ? kIdleWaitMs : 1000;
   if (stopping) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now());
     waitMs = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 100));

@@ -3,6 +3,7 @@
 // A plain value; not synchronised.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -16,6 +17,10 @@ namespace delivery {
 
 class QueuedEvent {
  public:
+  // What one queued event costs beyond its name and data, as the queue's
+  // bound counts it.
+  static constexpr std::size_t kOverheadBytes = 64;
+
   // `dataIsCompactJson`: the client wrote `data` itself as one compact JSON
   // object, fit to splice into the batch as it stands. Nothing when the name
   // is too long to record (4 GiB or more).
@@ -30,6 +35,8 @@ class QueuedEvent {
   double timestamp() const { return _timestamp; }
   // The session id at capture, shared by the events of one session.
   const std::shared_ptr<const Json>& session() const { return _session; }
+  // Its name and data with kOverheadBytes.
+  std::size_t bytes() const { return _text.size() + kOverheadBytes; }
 
  private:
   std::string _text;  // the name, then the data, in one allocation

@@ -12,7 +12,6 @@ namespace delivery {
 
 namespace {
 
-constexpr const char* kJSONErrorDomain = "telvo.json";
 constexpr std::int64_t kJSONErrorNotUTF8 = 1;
 constexpr std::int64_t kJSONErrorInvalid = 2;
 constexpr std::int64_t kJSONErrorFragment = 3;
@@ -75,6 +74,7 @@ void readResponse(const URLRequest& request, std::int32_t context,
     return;
   }
   keepCookies(request, response, sinks);
+  if (delegate) delegate->requestDidReceiveStatus(response.status, context);
 
   const std::string_view text(reinterpret_cast<const char*>(response.body.data()),
                               response.body.size());

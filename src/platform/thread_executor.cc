@@ -68,8 +68,6 @@ struct TELVO_LOCAL ThreadExecutor::Core {
   std::priority_queue<TimerEntry, std::vector<TimerEntry>, FiresLater> timers;
   std::uint64_t nextSequence = 0;
   bool sleeping = false;  // the worker waits on `wake`: only then does a post notify
-  // Set by post (under the lock), read without it while the worker lingers.
-  std::atomic<bool> posted{false};
   bool stopping = false;
   bool exited = false;
   bool reportedDroppedWork = false;
@@ -78,11 +76,6 @@ struct TELVO_LOCAL ThreadExecutor::Core {
   std::mutex threadMutex;  // guards `thread`, so concurrent shutdowns join once
   std::thread thread;
   std::thread::id workerId;
-
-  // How long the worker stays awake after work, on machines with more than
-  // one core.
-  static constexpr std::chrono::microseconds kLinger{50};
-  const bool lingers = std::thread::hardware_concurrency() > 1;
 
   void run();
   void adjustPriority();
@@ -125,20 +118,9 @@ void ThreadExecutor::Core::run() {
     if (!incoming.empty()) {
       // Swapping keeps both vectors' capacity, so steady posting does not allocate.
       batch.swap(incoming);
-      posted.store(false, std::memory_order_relaxed);
       lock.unlock();
       for (auto& work : batch) runGuarded(options.name, work);
       batch.clear();  // closures are destroyed here, without the lock
-      // Work tends to come in runs (an event stream's captures): the worker
-      // stays awake a moment for the next post, which then costs the poster
-      // no wake-up system call. Not on a single core, where it would only
-      // hold up the poster.
-      if (lingers) {
-        const auto until = SteadyClock::now() + kLinger;
-        while (!posted.load(std::memory_order_relaxed) && SteadyClock::now() < until) {
-          std::this_thread::yield();
-        }
-      }
       lock.lock();
       continue;
     }
@@ -188,7 +170,6 @@ void ThreadExecutor::post(std::function<void()> work) {
       report = !std::exchange(core_->reportedDroppedWork, true);
     } else {
       core_->incoming.push_back(std::move(work));
-      core_->posted.store(true, std::memory_order_relaxed);
     }
     notify = core_->sleeping;
     core_->sleeping = false;  // one wake-up is enough for any number of posts

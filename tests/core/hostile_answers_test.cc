@@ -97,7 +97,8 @@ TEST(HostileAnswers, AMainQueueThatRefusesACaptureDoesNotStopLaterCaptures) {
   Platform record = platform.record();
   record.mainQueue = refusing;
   auto client = Telvo::create(testConfig(), "web", "prod", record);
-  platform.transport->answerJson(0, configDocument({{"batchMode", "count"}, {"batchModeAmount", 100}}));
+  // Every event asks for a flush, so each one posts its capture at once.
+  platform.transport->answerJson(0, configDocument({{"batchMode", "count"}, {"batchModeAmount", 1}}));
   platform.transport->answerJson(1, {{"sessionId", "S"}});
   platform.settle();
   ASSERT_TRUE(client->isInitialized());
@@ -109,11 +110,13 @@ TEST(HostileAnswers, AMainQueueThatRefusesACaptureDoesNotStopLaterCaptures) {
   refusing->refusing = false;
   client->sendEvent("second", Json{{"n", 2}});
   platform.settle();
-  // Both were captured, in order, by the drain the second call scheduled.
-  const auto batch = client->batch();
-  ASSERT_EQ(batch.size(), 2u);
-  EXPECT_EQ(batch[0].name(), "first");
-  EXPECT_EQ(batch[1].name(), "second");
+  // Both were captured, in order, by the drain the second call scheduled,
+  // and posted by the flushes they asked for.
+  ASSERT_EQ(platform.transport->count(), 3u);
+  const Json events = RecordingTransport::decodedBody(platform.transport->at(2).request)["events"];
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0]["eventType"], "first");
+  EXPECT_EQ(events[1]["eventType"], "second");
 }
 
 TEST(HostileAnswers, AStoredCookieWithoutAUsablePathIsSkipped) {
