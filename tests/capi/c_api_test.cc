@@ -184,6 +184,40 @@ TEST(CApi, AClientMadeThroughItDeliversToTheService) {
     EXPECT_FALSE(seen.lines.empty());  // debug lines reached the sink
   }
 
+  telvo_stats stats;
+  EXPECT_EQ(telvo_client_stats(nullptr, &stats), TELVO_ERROR_NULL_ARGUMENT);
+  ASSERT_EQ(telvo_client_stats(client, &stats), TELVO_OK);
+  EXPECT_EQ(stats.events_accepted, 4u);
+  EXPECT_EQ(stats.events_posted, 4u);
+  EXPECT_EQ(stats.events_queued, 0u);
+  EXPECT_EQ(stats.errors_sent, 2u);
+  EXPECT_EQ(stats.posts_made, 1u);
+
+  // A client with a small queue: what its bound drops makes the flush
+  // incomplete, and the counters say how much.
+  telvo_client_options options;
+  ASSERT_EQ(telvo_client_options_init(&options), TELVO_OK);
+  EXPECT_EQ(options.max_post_bytes, 4u << 20);
+  options.max_queued_bytes = 2048;
+  options.max_post_bytes = 0;  // the default
+  telvo_config* boundedConfig = playerConfig(service.server().url("/config/"));
+  telvo_client* bounded = nullptr;
+  ASSERT_EQ(telvo_client_create_with_options(boundedConfig, "web", "prod", &options, &bounded),
+            TELVO_OK);
+  telvo_config_release(boundedConfig);
+  ASSERT_TRUE(waitFor([&] {
+    int initialised = 0;
+    telvo_client_is_initialized(bounded, &initialised);
+    return initialised == 1;
+  }));
+  for (int i = 0; i < 100; ++i) telvo_send_event(bounded, "e", R"({"pad":"0123456789"})");
+  EXPECT_EQ(telvo_flush(bounded, 10000), TELVO_ERROR_INCOMPLETE);
+  ASSERT_EQ(telvo_client_stats(bounded, &stats), TELVO_OK);
+  EXPECT_GT(stats.events_dropped_queue_full, 0u);
+  EXPECT_EQ(stats.events_posted + stats.events_dropped_queue_full, 100u);
+  EXPECT_EQ(telvo_flush(bounded, 10000), TELVO_OK);  // nothing lost since
+  telvo_client_release(bounded);
+
   // A service that never answers: the flush says so in time.
   service.hold();
   EXPECT_EQ(telvo_send_event(client, "stuck", "{}"), TELVO_OK);

@@ -31,7 +31,7 @@ using SteadyClock = std::chrono::steady_clock;
 
 // A client on its own queues and libcurl transport, initialised.
 struct OwnClient {
-  explicit OwnClient(LocalService& service) {
+  explicit OwnClient(LocalService& service, const ClientOptions& bounds = {}) {
     TelvoTransport::Options options;
     options.caFile = service.caFile();
     platform.mainQueue = std::make_shared<ThreadExecutor>();
@@ -40,12 +40,48 @@ struct OwnClient {
     platform.notificationCenter = std::make_shared<NotificationCenter>();
     platform.userDefaults = defaults;
     platform.device = std::make_shared<FixedDevice>();
-    client = Telvo::create(service.config(), "web", "prod", platform);
+    client = Telvo::create(service.config(), "web", "prod", platform, bounds);
   }
   std::shared_ptr<MemoryUserDefaults> defaults = std::make_shared<MemoryUserDefaults>();
   Platform platform;
   std::shared_ptr<Telvo> client;
 };
+
+TEST(Flush, FailsWhenAPostItCoversWasRefusedOrAnEventDropped) {
+  LocalService service;
+  ClientOptions bounds;
+  bounds.maxQueuedBytes = 4096;
+  OwnClient setup(service, bounds);
+  auto& client = *setup.client;
+  ASSERT_TRUE(waitFor([&] { return client.isInitialized(); }));
+
+  // The service refuses the batch (as a collector refuses a body too large).
+  service.server().route("POST", "/api/batch.json", [](const httplib::Request&, httplib::Response& response) {
+    response.status = 413;
+    response.set_content("too large", "text/plain");
+  });
+  for (int i = 0; i < 5; ++i) client.sendEvent("e", {{"i", i}});
+  EXPECT_FALSE(client.flush(10s));
+  Stats stats = client.stats();
+  EXPECT_EQ(stats.eventsFailed, 5u);
+  EXPECT_EQ(stats.postsFailed, 1u);
+
+  // Accepted again: a flush with nothing lost since the last one succeeds.
+  service.server().route("POST", "/api/batch.json", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content("{}", "application/json");
+  });
+  client.sendEvent("e", {{"i", 5}});
+  EXPECT_TRUE(client.flush(10s));
+
+  // Events dropped by the queue's bound fail the flush that covers them.
+  for (int i = 0; i < 200; ++i) client.sendEvent("e", {{"i", i}});
+  EXPECT_FALSE(client.flush(10s));
+  stats = client.stats();
+  EXPECT_GT(stats.eventsDroppedQueueFull, 0u);
+  EXPECT_EQ(stats.eventsAccepted,
+            stats.eventsPosted + stats.eventsDropped() + stats.eventsFailed + stats.eventsQueued);
+  EXPECT_EQ(stats.eventsQueued, 0u);
+}
 
 TEST(Flush, DeliversEverythingAcceptedBeforeItWasCalled) {
   LocalService service;

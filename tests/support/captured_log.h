@@ -28,6 +28,12 @@ class CapturedLog {
     }
     return false;
   }
+  // Lines that hold `part` anywhere.
+  std::size_t count(const std::string& part) const {
+    std::size_t n = 0;
+    for (const auto& l : lines()) n += l.find(part) != std::string::npos;
+    return n;
+  }
   void clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     lines_.clear();

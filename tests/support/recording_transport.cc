@@ -83,9 +83,9 @@ void RecordingTransport::complete(std::size_t index, delivery::HttpResponse resp
 }
 
 void RecordingTransport::answer(std::size_t index, const std::string& body,
-                                const HTTPHeaderFields& headers) {
+                                const HTTPHeaderFields& headers, long status) {
   delivery::HttpResponse response;
-  response.status = 200;
+  response.status = status;
   response.headers = headers;
   response.body.assign(body.begin(), body.end());
   complete(index, std::move(response));

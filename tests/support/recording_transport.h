@@ -49,7 +49,8 @@ class RecordingTransport : public TelvoTransport {
 
   // Completes request `index` with `body` and `headers`, on the calling
   // thread, then releases its delegate. Each request is answered at most once.
-  void answer(std::size_t index, const std::string& body, const HTTPHeaderFields& headers = {});
+  void answer(std::size_t index, const std::string& body, const HTTPHeaderFields& headers = {},
+              long status = 200);
   void answerJson(std::size_t index, const Json& body, const HTTPHeaderFields& headers = {});
   // Completes request `index` with a transfer error.
   void fail(std::size_t index);
