@@ -90,7 +90,7 @@ void Telvo::Impl::flushNow() {
   // becomes of the post, these events are not sent again.
   std::deque<delivery::QueuedEvent> events = queue.takeAll();
   if (events.empty()) return;
-  heldBytes.fetch_sub(static_cast<std::int64_t>(core::EventQueue::bytes(events)));
+  queuedBytes.fetch_sub(static_cast<std::int64_t>(core::EventQueue::bytes(events)));
   // Capture stamps events in order, so the queue is nearly always sorted
   // already; a check is far cheaper than a merge sort's moves.
   auto earlier = [](const delivery::QueuedEvent& a, const delivery::QueuedEvent& b) {
@@ -165,13 +165,13 @@ void Telvo::Impl::replaceBatch(const std::vector<Event>& events) {
   drainLocked();
   // The pending ones are captured first, so the new queue replaces them too.
   const auto replaced = queue.replace(events);
-  heldBytes.fetch_sub(static_cast<std::int64_t>(core::EventQueue::bytes(replaced)));
+  queuedBytes.fetch_sub(static_cast<std::int64_t>(core::EventQueue::bytes(replaced)));
   // What was just queued: read back rather than counted twice.
   std::size_t added = 0;
   for (const Event& event : events) {
     added += event.name().size() + event.data().size() + delivery::QueuedEvent::kOverheadBytes;
   }
-  heldBytes.fetch_add(static_cast<std::int64_t>(added));
+  queuedBytes.fetch_add(static_cast<std::int64_t>(added));
 }
 
 bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {

@@ -25,23 +25,13 @@ constexpr std::size_t kDrainBytes = 64 << 10;
 // The room "timestamp" and its braces take in a written event.
 constexpr std::size_t kStampBytes = 32;
 
-// What a Json event's data will take once written, read from its top level
-// only (the caller's thread pays for no walk of nested values); the capture
-// accounts the real size.
+// What a Json event's data will take once written, guessed from its member
+// count alone: the caller's thread pays for no walk of the tree. The
+// capture accounts the real size, and a drain follows at least every
+// kDrainBytes of guesses.
+constexpr std::size_t kGuessedMemberBytes = 24;
 std::size_t estimatedBytes(const Json& data) {
-  std::size_t bytes = kStampBytes;
-  for (auto it = data.begin(); it != data.end(); ++it) {
-    bytes += it.key().size() + 4;
-    const Json& value = *it;
-    if (value.is_string()) {
-      bytes += value.get_ref<const std::string&>().size() + 2;
-    } else if (value.is_structured()) {
-      bytes += value.size() * 16 + 2;
-    } else {
-      bytes += 8;
-    }
-  }
-  return bytes;
+  return kStampBytes + data.size() * kGuessedMemberBytes;
 }
 
 std::string byteCount(std::size_t bytes) { return std::to_string(bytes) + " bytes"; }
@@ -88,7 +78,10 @@ void Telvo::Impl::sendEvent(std::string_view name, const Field* fields, std::siz
   thread_local std::string members;
   members.clear();
   if (!encoding::appendFields(members, fields, count, encoding::NonFinite::kRefuse, "timestamp")) {
-    counters.eventsAccepted.add();
+    {
+      std::lock_guard<std::mutex> lock(pendingMutex);
+      counters.eventsAccepted.addLocked();
+    }
     counters.eventsDroppedUnwritable.add();
     log("Telvo: dropped event \"" + std::string(name) +
         "\": its data holds a number JSON cannot represent (NaN or infinity)");
@@ -106,24 +99,18 @@ void Telvo::Impl::sendEvent(std::string_view name, const Field* fields, std::siz
 }
 
 void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string_view members) {
-  counters.eventsAccepted.add();
-  if (event.bytes > options.maxPostBytes) {
-    counters.eventsDroppedTooLarge.add();
-    tooLarge.drop("Telvo: dropped event \"" + std::string(name.substr(0, 64)) + "\" of " +
-                  byteCount(event.bytes) + ": larger than one post may be (" +
-                  byteCount(options.maxPostBytes) +
-                  "); such events are dropped and counted until one fits");
-    return;
-  }
   const std::size_t bytes = event.bytes;
+  const bool tooBig = bytes > options.maxPostBytes;
   bool full = false;
   bool schedule = false;
   {
     std::lock_guard<std::mutex> lock(pendingMutex);
-    const auto held = static_cast<std::size_t>(std::max<std::int64_t>(0, heldBytes.load()));
-    if (held > options.maxQueuedBytes || bytes > options.maxQueuedBytes - held) {
-      full = true;
-    } else {
+    counters.eventsAccepted.addLocked();
+    const auto queued = static_cast<std::size_t>(
+        std::max<std::int64_t>(0, queuedBytes.load(std::memory_order_relaxed)));
+    const std::size_t held = queued + pendingBytes;
+    full = held > options.maxQueuedBytes || bytes > options.maxQueuedBytes - held;
+    if (!tooBig && !full) {
       if (event.fields) {
         event.textOffset = pendingText.size();
         pendingText.append(name).append(members);  // first: a failure leaves no event behind
@@ -141,11 +128,18 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
       }
       const bool flushes = event.decision.flushes > 0;
       pending.push_back(std::move(event));
-      heldBytes.fetch_add(static_cast<std::int64_t>(bytes));
       pendingBytes += bytes;
       schedule = !drainScheduled && (flushes || pendingBytes >= kDrainBytes);
       drainScheduled = drainScheduled || schedule;
     }
+  }
+  if (tooBig) {
+    counters.eventsDroppedTooLarge.add();
+    tooLarge.drop("Telvo: dropped event \"" + std::string(name.substr(0, 64)) + "\" of " +
+                  byteCount(bytes) + ": larger than one post may be (" +
+                  byteCount(options.maxPostBytes) +
+                  "); such events are dropped and counted until one fits");
+    return;
   }
   if (full) {
     counters.eventsDroppedQueueFull.add();
@@ -186,6 +180,8 @@ void Telvo::Impl::drainLocked() {
     std::lock_guard<std::mutex> lock(pendingMutex);
     drained.swap(pending);
     drainedText.swap(pendingText);
+    // Their estimates count as queued until the capture knows the sizes.
+    queuedBytes.fetch_add(static_cast<std::int64_t>(pendingBytes));
     pendingBytes = 0;
     // From here on a new call schedules a new drain, which runs after this one.
     drainScheduled = false;
@@ -196,7 +192,7 @@ void Telvo::Impl::drainLocked() {
     try {
       captureEvent(event, drainedText, current);
     } catch (const std::exception& e) {
-      heldBytes.fetch_sub(static_cast<std::int64_t>(event.bytes));
+      queuedBytes.fetch_sub(static_cast<std::int64_t>(event.bytes));
       counters.eventsDroppedUnwritable.add();
       log("Telvo: dropped event \"" +
           (event.fields ? drainedText.substr(event.textOffset, event.nameLength) : event.name) +
@@ -259,11 +255,11 @@ void Telvo::Impl::captureEvent(PendingEvent& event, std::string_view pendingText
     if (!record) dropped = "its name is 4 GiB or longer";
   }
   if (record) {
-    heldBytes.fetch_add(static_cast<std::int64_t>(record->bytes()) -
+    queuedBytes.fetch_add(static_cast<std::int64_t>(record->bytes()) -
                         static_cast<std::int64_t>(event.bytes));
     queue.push(std::move(*record));
   } else {
-    heldBytes.fetch_sub(static_cast<std::int64_t>(event.bytes));
+    queuedBytes.fetch_sub(static_cast<std::int64_t>(event.bytes));
     counters.eventsDroppedUnwritable.add();
     log("Telvo: dropped event \"" + std::string(name) + "\": " + *dropped);
   }

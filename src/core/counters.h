@@ -17,6 +17,11 @@ namespace core {
 class Counter {
  public:
   void add(std::uint64_t n = 1) { value_.fetch_add(n, std::memory_order_relaxed); }
+  // For a counter whose every writer holds one lock: a plain load and store,
+  // no locked instruction.
+  void addLocked(std::uint64_t n = 1) {
+    value_.store(value_.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
+  }
   std::uint64_t get() const { return value_.load(std::memory_order_relaxed); }
 
  private:
@@ -24,6 +29,7 @@ class Counter {
 };
 
 struct Counters {
+  // eventsAccepted is written under the client's pendingMutex only.
   Counter eventsAccepted, eventsRefusedNotInitialized, eventsRefusedDisabled,
       eventsRefusedThrottled, eventsDroppedQueueFull, eventsDroppedTooLarge, eventsDroppedBacklog,
       eventsDroppedUnwritable, eventsPosted, eventsFailed;

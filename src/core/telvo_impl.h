@@ -106,9 +106,9 @@ struct TELVO_LOCAL Telvo::Impl {
   core::DropEpisode queueFull, tooLarge, backlogFull, reportsFull;
   // Counters.lost() as the last flush saw it.
   std::atomic<std::uint64_t> lostAtLastFlush{0};
-  // Bytes of events accepted and not yet taken by a flush (see
-  // ClientOptions::maxQueuedBytes); changed under pendingMutex when it grows.
-  std::atomic<std::int64_t> heldBytes{0};
+  // Bytes of events being captured or queued, not yet taken by a flush; with
+  // pendingBytes, what ClientOptions::maxQueuedBytes bounds.
+  std::atomic<std::int64_t> queuedBytes{0};
   // Request bodies handed to the transport and not yet completed.
   std::atomic<std::int64_t> backlogBytes{0};
   // Error reports accepted and not yet handed to the transport.
@@ -161,7 +161,7 @@ struct TELVO_LOCAL Telvo::Impl {
     double stamp = 0;
     // What its acceptance decided, carried out at capture.
     delivery::CaptureFlush decision;
-    // Its share of heldBytes until it is captured.
+    // What it counts for against the bound until it is captured.
     std::size_t bytes = 0;
   };
   std::mutex pendingMutex;
