@@ -208,6 +208,7 @@ const char* telvo_status_message(int status) {
     case TELVO_ERROR_TIMEOUT: return "the deadline passed";
     case TELVO_ERROR_BUFFER_TOO_SMALL: return "the buffer was too small";
     case TELVO_ERROR_INTERNAL: return "a failure inside the library";
+    case TELVO_ERROR_INCOMPLETE: return "done, but something was dropped or failed";
     default: return "unknown status";
   }
 }

@@ -118,11 +118,10 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
       // The decision capture carries out, made now so that a flush is asked
       // for at once, in acceptance order.
       static const std::optional<std::vector<std::string>> kNoPriorities;
-      const TelvoMasterConfig* master = captureMaster.get();
+      const CaptureRules& rules = captureRules;
       event.decision = delivery::CaptureFlush::decide(
-          name, captureConfig ? captureConfig->highPriorityEvents() : kNoPriorities,
-          master && master->batchMode() == 1, master ? master->batchAmount() : 0,
-          postCount.load(std::memory_order_relaxed));
+          name, rules.priorities ? rules.config->highPriorityEvents() : kNoPriorities,
+          rules.countBatching, rules.batchAmount, postCount.load(std::memory_order_relaxed));
       if (event.decision.counted) {
         postCount.store(event.decision.postCount, std::memory_order_relaxed);
       }

@@ -27,8 +27,9 @@ Telvo::Impl::Impl(Telvo& owner, const Platform& platform, const ClientOptions& o
       sessionID(std::make_shared<const Json>("")),
       config(config),
       environment(std::move(environment)),
-      property(std::move(property)),
-      captureConfig(std::move(config)) {}
+      property(std::move(property)) {
+  setCaptureConfig(std::move(config));
+}
 
 Telvo::Telvo(std::shared_ptr<TelvoConfig> config, std::string property, std::string environment,
              const Platform& platform, const ClientOptions& options)
@@ -281,18 +282,24 @@ std::int64_t Telvo::Impl::wholeMilliseconds(double milliseconds) {
 void Telvo::Impl::setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master) {
   {
     std::lock_guard<std::mutex> lock(pendingMutex);
-    captureMaster = master;
+    captureRules.countBatching = master && master->batchMode() == 1;
+    captureRules.batchAmount = master ? master->batchAmount() : 0;
   }
   std::lock_guard<std::mutex> lock(mutex);
   enabled.store(master && master->enabled(), std::memory_order_release);
   masterConfig = std::move(master);
 }
 
+void Telvo::Impl::setCaptureConfig(std::shared_ptr<const TelvoConfig> config) {
+  const bool priorities =
+      config && config->highPriorityEvents() && !config->highPriorityEvents()->empty();
+  std::lock_guard<std::mutex> lock(pendingMutex);
+  captureRules.config = std::move(config);
+  captureRules.priorities = priorities;
+}
+
 void Telvo::Impl::setConfig(std::shared_ptr<TelvoConfig> replacement) {
-  {
-    std::lock_guard<std::mutex> lock(pendingMutex);
-    captureConfig = replacement;
-  }
+  setCaptureConfig(replacement);
   // The old value is released after the lock: its destructor may call out.
   std::lock_guard<std::mutex> lock(mutex);
   std::swap(config, replacement);

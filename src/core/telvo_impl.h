@@ -93,6 +93,8 @@ struct TELVO_LOCAL Telvo::Impl {
   static std::int64_t wholeMilliseconds(double milliseconds);
   void setMasterConfig(std::shared_ptr<const TelvoMasterConfig> master);
   void setConfig(std::shared_ptr<TelvoConfig> config);
+  // The capture rules' part of a new configuration.
+  void setCaptureConfig(std::shared_ptr<const TelvoConfig> config);
   bool debugging() const { return debug.load(std::memory_order_relaxed); }
   // The client, for work that must keep it alive.
   std::shared_ptr<Telvo> self() { return owner.shared_from_this(); }
@@ -169,10 +171,16 @@ struct TELVO_LOCAL Telvo::Impl {
   std::string pendingText;            // guarded by pendingMutex
   std::size_t pendingBytes = 0;       // guarded by pendingMutex
   bool drainScheduled = false;        // guarded by pendingMutex
-  // The capture rules as the caller's thread reads them; guarded by
-  // pendingMutex, replaced with config and masterConfig.
-  std::shared_ptr<const TelvoConfig> captureConfig;
-  std::shared_ptr<const TelvoMasterConfig> captureMaster;
+  // The capture rules as the caller's thread reads them, kept beside the
+  // pending events so that a call touches few cache lines; guarded by
+  // pendingMutex, set with config and masterConfig.
+  struct CaptureRules {
+    std::shared_ptr<const TelvoConfig> config;  // its high-priority names
+    bool priorities = false;                     // ...when it has any
+    bool countBatching = false;
+    std::int64_t batchAmount = 0;
+  };
+  CaptureRules captureRules;
   // Serialises drains, so events are captured in acceptance order whichever
   // thread drains; guards the drain's side of the pending buffers.
   std::mutex drainMutex;
