@@ -20,7 +20,7 @@ std::shared_ptr<Executor> makeMainQueue() {
   return std::make_shared<ThreadExecutor>(ThreadExecutor::Options{"telvo-main", false});
 }
 std::shared_ptr<Executor> makeBackgroundQueue() {
-  return std::make_shared<ThreadExecutor>(ThreadExecutor::Options{"telvo-background", true});
+  return std::make_shared<ThreadExecutor>(ThreadExecutor::Options{"telvo-reports", true});
 }
 
 platform::ProcessDefault<Executor>& mainHolder() {

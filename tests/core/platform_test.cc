@@ -3,6 +3,13 @@
 // from the process defaults at creation.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+
 #include "support/client_fixture.h"
 #include "telvo/clock.h"
 #include "telvo/executor.h"
@@ -74,6 +81,31 @@ TEST(Platform, EmptyMembersComeFromTheProcessDefaultsAtCreation) {
   EXPECT_EQ(filled.backgroundQueue, backgroundQueue());
   EXPECT_EQ(filled.clock, Clock::defaultClock());
   EXPECT_EQ(filled.notificationCenter, NotificationCenter::defaultCenter());
+}
+
+// The names a device team sees in `top -H` for the library's threads.
+TEST(Platform, EveryThreadTheLibraryStartsIsNamed) {
+  auto names = [] {
+    std::set<std::string> found;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream comm(task.path() / "comm");
+      std::string name;
+      std::getline(comm, name);
+      found.insert(name);
+    }
+    return found;
+  };
+  ASSERT_TRUE(drain(*mainQueue(), 5));
+  ASSERT_TRUE(drain(*backgroundQueue(), 5));
+  auto transport = TelvoTransport::makeCurlTransport(TelvoTransport::Options{});
+  bool named = false;
+  for (int i = 0; i < 200 && !named; ++i) {
+    const auto found = names();
+    named = found.count("telvo-main") && found.count("telvo-reports") &&
+            found.count("telvo-transport");
+    if (!named) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(named);
 }
 
 }  // namespace
