@@ -111,6 +111,12 @@ int main(int argc, char** argv) {
   }
   ok = ok && check(telvo_flush(client, wait_ms), "flush");
   if (ok) printf("host.c: flushed: 2 events and 1 error report delivered\n");
+  telvo_stats stats;
+  if (check(telvo_client_stats(client, &stats), "stats")) {
+    printf("host.c: %llu events accepted, %llu posted, %llu error reports sent\n",
+           (unsigned long long)stats.events_accepted, (unsigned long long)stats.events_posted,
+           (unsigned long long)stats.errors_sent);
+  }
 
   telvo_client_release(client);
   check(telvo_shutdown(2000), "shutdown");

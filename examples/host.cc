@@ -213,6 +213,14 @@ int main(int argc, char** argv) {
     return 1;
   }
   step("flushed both clients");
+  for (const auto& [label, client] : {std::pair{"timer", timerClient}, std::pair{"count", countClient}}) {
+    const telvo::Stats stats = client->stats();
+    step(std::string(label) + " client: " + std::to_string(stats.eventsAccepted) +
+         " events accepted, " + std::to_string(stats.eventsPosted) + " posted in " +
+         std::to_string(stats.postsMade) + " posts, " + std::to_string(stats.eventsDropped()) +
+         " dropped, " + std::to_string(stats.eventsFailed) + " failed; " +
+         std::to_string(stats.errorsSent) + " error reports sent");
+  }
   if (!telvo::shutdown(std::chrono::seconds(2))) {
     std::fprintf(stderr, "host: error: the library did not stop within 2 s\n");
     return 1;

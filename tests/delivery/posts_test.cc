@@ -5,7 +5,9 @@
 #include <cmath>
 #include <deque>
 #include <limits>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "delivery/batch_payload.h"
 #include "delivery/error_post.h"
@@ -44,6 +46,38 @@ TEST(BatchPost, SplicesTheClientsTextAndRewritesForeignText) {
             R"({"eventType":"na\"me","eventData":{"a":[1,2]}},{"eventType":"odd","eventData":{}},)"
             R"({"eventType":"broken","eventData":{}}]})");
   EXPECT_EQ(BatchPayload::write("s", {}), R"({"sessionId":"s","events":[]})");
+}
+
+TEST(BatchPost, SplitsUnderASizeBoundIntoWholePayloadsCoveringEveryEvent) {
+  std::deque<QueuedEvent> events;
+  for (int i = 0; i < 10; ++i) {
+    events.push_back(queued(i == 4 ? "huge" : "e", i == 4 ? R"({"pad":")" + std::string(300, 'x') + R"("})"
+                                                           : R"({"i":)" + std::to_string(i) + "}",
+                            true));
+  }
+  const std::size_t bound = 120;
+  std::vector<std::string> seen;
+  std::size_t oversized = 0;
+  for (std::size_t next = 0; next < events.size();) {
+    auto part = BatchPayload::write("s", events, next, bound);
+    ASSERT_GT(part.next, next);  // always moves on
+    next = part.next;
+    oversized += part.oversized;
+    EXPECT_LE(part.json.size(), bound);
+    const Json body = Json::parse(part.json);
+    EXPECT_EQ(body["sessionId"], "s");
+    EXPECT_EQ(body["events"].size(), part.events);
+    for (const Json& event : body["events"]) seen.push_back(event["eventData"].dump());
+  }
+  EXPECT_EQ(oversized, 1u);  // the one event too large to fit alone
+  ASSERT_EQ(seen.size(), 9u);
+  EXPECT_EQ(seen.front(), R"({"i":0})");
+  EXPECT_EQ(seen[4], R"({"i":5})");
+  EXPECT_EQ(seen.back(), R"({"i":9})");
+  // Without a bound, one payload holds them all.
+  auto whole = BatchPayload::write("s", events, 0, std::string::npos);
+  EXPECT_EQ(whole.events, 10u);
+  EXPECT_EQ(whole.json, BatchPayload::write("s", events));
 }
 
 TEST(BatchPost, GoesToServicesUrlAndBatchApiInTheEnvelope) {
