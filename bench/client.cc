@@ -36,6 +36,7 @@
 #include <vector>
 
 #include "delivery/response_reader.h"
+#include "realistic_event.h"
 #include "support/test_platform.h"
 #include "telvo/device.h"
 #include "telvo/envelope.h"
@@ -193,18 +194,6 @@ std::vector<Json> realisticEvents(int count) {
   return events;
 }
 
-// The same event as the host sends it without a Json tree: one call, the
-// fields viewing the host's values.
-void sendRealisticFields(Telvo& client, int i) {
-  client.sendEvent("video_progress", {{"title", "Big Buck Bunny"},
-                                      {"position", i},
-                                      {"duration", 5960.5},
-                                      {"bitrate", 4500000},
-                                      {"cdn", "edge-03.example.net"},
-                                      {"muted", false},
-                                      {"language", "en-GB"},
-                                      {"profile", "main-1080p"}});
-}
 
 double percentile(std::vector<double> samples, double q) {
   if (samples.empty()) return 0;

@@ -38,6 +38,7 @@
 #include <thread>
 #include <vector>
 
+#include "realistic_event.h"
 #include "support/https_test_server.h"
 #include "telvo/telvo.h"
 #include "telvo/telvo_c.h"
@@ -211,16 +212,6 @@ double percentile(std::vector<double> samples, double q) {
 
 std::shared_ptr<telvo::Telvo> gClient;
 
-void sendRealistic(telvo::Telvo& client, long i) {
-  client.sendEvent("video_progress", {{"title", "Big Buck Bunny"},
-                                      {"position", i},
-                                      {"duration", 5960.5},
-                                      {"bitrate", 4500000},
-                                      {"cdn", "edge-03.example.net"},
-                                      {"muted", false},
-                                      {"language", "en-GB"},
-                                      {"profile", "main-1080p"}});
-}
 
 struct StartFigures {
   std::size_t threadsBefore = 0;
@@ -274,7 +265,7 @@ Usage pacedLoop(telvo::Telvo* client, int perSecond, double seconds) {
   for (long i = 0; i < calls; ++i) {
     next += period;
     std::this_thread::sleep_until(next);
-    if (client) sendRealistic(*client, i);
+    if (client) telvo::sendRealisticFields(*client, i);
   }
   return processUsage() - before;
 }
@@ -326,7 +317,7 @@ void callLatency(telvo::Telvo& client, int calls, BurstFigures* f) {
   std::vector<double> samples(calls);
   for (int i = 0; i < calls; ++i) {
     const auto start = SteadyClock::now();
-    sendRealistic(client, i);
+    telvo::sendRealisticFields(client, i);
     samples[i] = std::chrono::duration<double, std::nano>(SteadyClock::now() - start).count();
   }
   client.flush(30s);
@@ -336,7 +327,7 @@ void callLatency(telvo::Telvo& client, int calls, BurstFigures* f) {
 
 void sustainedBurst(telvo::Telvo& client, long events, BurstFigures* f) {
   const auto start = SteadyClock::now();
-  for (long i = 0; i < events; ++i) sendRealistic(client, i);
+  for (long i = 0; i < events; ++i) telvo::sendRealisticFields(client, i);
   f->flushed = client.flush(30s);
   f->eventsPerSecond = events / std::chrono::duration<double>(SteadyClock::now() - start).count();
 }
