@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace telvo {
 
@@ -34,6 +35,39 @@ struct TELVO_API ClientOptions {
   // built on the background queue). Beyond it new reports are dropped
   // (Stats::errorsDropped).
   std::size_t maxPendingErrorReports = 1000;
+
+  // --- Delivery over a network that is late or flaps. Off by default: then
+  // nothing is retried and nothing is kept before initialisation, exactly
+  // as without these options. With `retry` on:
+  //   - a configuration fetch or hello that fails in transfer, answers 5xx
+  //     or 429, or does not parse is tried again after a backoff (for the
+  //     hello, "helloRetryCount" > 0 in the master configuration bounds the
+  //     retries and "helloRetryTime" > 0 sets their spacing in seconds);
+  //   - events accepted before initialisation are kept (within
+  //     maxQueuedBytes), stamped with the device's clock, corrected by the
+  //     service's clock when the hello answers, and posted then; a disabled
+  //     configuration or a throttled answer drops them
+  //     (Stats::eventsDroppedRefused);
+  //   - a batch or error post that fails in transfer or answers 5xx or 429
+  //     is sent again after a backoff, its events in their order and with
+  //     their stamps; while one is being retried, posts go one at a time. A
+  //     4xx other than 429 drops it (Stats::eventsFailed).
+  // Delivery is then at least once: an answer lost after the service stored
+  // a post sends it again.
+  bool retry = false;
+  // The backoff: the n-th retry waits a random time (full jitter) of up to
+  // retryInitialSeconds * 2^(n-1), capped at retryMaxSeconds.
+  double retryInitialSeconds = 1;
+  double retryMaxSeconds = 300;
+  // Seeds the jitter (tests); 0 seeds it from the device.
+  std::uint64_t retrySeed = 0;
+  // With `retry`: a folder where events and error reports wait on disk until
+  // delivered, so that they survive a restart or a power cut (see
+  // Stats::spooled). Empty: memory only. One process per folder.
+  std::string spoolPath;
+  // The spool's bound on disk; beyond it the oldest records are dropped
+  // (Stats::spoolDroppedOldest).
+  std::size_t maxSpoolBytes = 16u << 20;
 };
 
 // Counters of one client since its creation, read together by
@@ -56,6 +90,9 @@ struct TELVO_API Stats {
   std::uint64_t eventsDroppedTooLarge = 0;
   std::uint64_t eventsDroppedBacklog = 0;
   std::uint64_t eventsDroppedUnwritable = 0;
+  // With ClientOptions::retry: kept before initialisation, then dropped
+  // because the configuration was disabled or the client throttled.
+  std::uint64_t eventsDroppedRefused = 0;
   // Events in posts that the service answered with success (a 2xx status,
   // or any answer where the transport does not tell the status), and in
   // posts that failed (no answer, or another status).
@@ -76,9 +113,19 @@ struct TELVO_API Stats {
   std::uint64_t postsMade = 0;
   std::uint64_t postsFailed = 0;
 
+  // With ClientOptions::retry: requests sent again (start-up requests and
+  // posts); with a spool, events and error reports written to it, read back
+  // from an earlier run, and pushed out by its bound (oldest first), and
+  // records found torn or corrupt.
+  std::uint64_t retries = 0;
+  std::uint64_t spooled = 0;
+  std::uint64_t replayed = 0;
+  std::uint64_t spoolDroppedOldest = 0;
+  std::uint64_t spoolCorrupt = 0;
+
   std::uint64_t eventsDropped() const {
     return eventsDroppedQueueFull + eventsDroppedTooLarge + eventsDroppedBacklog +
-           eventsDroppedUnwritable;
+           eventsDroppedUnwritable + eventsDroppedRefused;
   }
 };
 

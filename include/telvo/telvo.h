@@ -262,6 +262,10 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
   Stats stats() const;
   // The bounds the client was made with.
   const ClientOptions& options() const;
+  // With ClientOptions::retry: the host knows the network is back (an
+  // interface came up, a connection manager said so). A start-up request or
+  // post waiting for its retry goes at once. Otherwise it does nothing.
+  void networkAvailable();
   // The delegate, or null when none was set or it has been destroyed.
   std::shared_ptr<TelvoDelegate> delegate() const;
   void setDelegate(std::weak_ptr<TelvoDelegate> delegate);

@@ -145,19 +145,30 @@ void Telvo::Impl::post(URLRequest request, std::size_t events,
   }
   backlogFull.fits();
   if (events > 0) counters.postsMade.add();
-  // Runs once, while the request's delegate (holding the client) is alive.
-  auto settle = [this, size, events](bool delivered) {
-    backlogBytes.fetch_sub(size);
-    if (events > 0) {
-      (delivered ? counters.eventsPosted : counters.eventsFailed).add(events);
-      if (!delivered) counters.postsFailed.add();
-    } else {
-      (delivered ? counters.errorsSent : counters.errorsFailed).add();
+  auto outgoing = std::make_shared<Outgoing>();
+  outgoing->events = events;
+  outgoing->bytes = size;
+  if (options.retry) {
+    outgoing->request = std::move(request);
+    outgoing->ticket = std::move(ticket);
+    {
+      // Behind a retry, posts wait their turn and go one at a time.
+      std::lock_guard<std::mutex> lock(retryMutex);
+      if (lineBusy) {
+        line.push_back(std::move(outgoing));
+        return;
+      }
     }
+    send(std::move(outgoing));
+    return;
+  }
+  // Runs once, while the request's delegate (holding the client) is alive.
+  auto judge = [this, outgoing](const delivery::Attempt& attempt) {
+    settle(*outgoing, delivery::RetryRules::post(attempt) == delivery::Verdict::kDelivered);
   };
   platform.transport->sendRequest(
       std::move(request), kPostContext,
-      core::Deliveries::tracked(self(), std::move(ticket), std::move(settle)));
+      core::Deliveries::tracked(self(), std::move(ticket), std::move(judge)));
 }
 
 void Telvo::Impl::replaceBatch(const std::vector<Event>& events) {

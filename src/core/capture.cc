@@ -38,9 +38,15 @@ std::string byteCount(std::size_t bytes) { return std::to_string(bytes) + " byte
 
 }  // namespace
 
-bool Telvo::Impl::acceptsEvent() {
+bool Telvo::Impl::acceptsEvent(bool& early) {
   if (!initialized.load(std::memory_order_acquire)) {
-    counters.eventsRefusedNotInitialized.add();
+    if (options.retry && !earlyRefused.load(std::memory_order_relaxed)) {
+      early = true;
+      return true;
+    }
+    (earlyRefused.load(std::memory_order_relaxed) ? counters.eventsRefusedDisabled
+                                                  : counters.eventsRefusedNotInitialized)
+        .add();
     return false;
   }
   if (!enabled.load(std::memory_order_acquire)) {
@@ -59,8 +65,8 @@ void Telvo::Impl::sendEvent(const std::string& name, std::optional<Json> data) {
     throw UsageError("Telvo::sendEvent: data for event \"" + name +
                      "\" must be a JSON object, not " + data->type_name());
   }
-  if (!acceptsEvent()) return;
   PendingEvent event;
+  if (!acceptsEvent(event.early)) return;
   event.stamp = serviceMilliseconds();
   event.bytes = name.size() + delivery::QueuedEvent::kOverheadBytes +
                 (data ? estimatedBytes(*data) : kStampBytes);
@@ -71,7 +77,8 @@ void Telvo::Impl::sendEvent(const std::string& name, std::optional<Json> data) {
 
 void Telvo::Impl::sendEvent(std::string_view name, const Field* fields, std::size_t count) {
   if (count == 0) return sendEvent(std::string(name), std::nullopt);
-  if (!acceptsEvent()) return;
+  bool early = false;
+  if (!acceptsEvent(early)) return;
 
   // Written here, outside the lock, into a buffer this thread keeps; the
   // client's "timestamp" is put in front at capture.
@@ -88,6 +95,7 @@ void Telvo::Impl::sendEvent(std::string_view name, const Field* fields, std::siz
     return;
   }
   PendingEvent event;
+  event.early = early;
   event.stamp = serviceMilliseconds();
   event.fields = true;
   event.nameLength = name.size();
@@ -115,13 +123,21 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
         event.textOffset = pendingText.size();
         pendingText.append(name).append(members);  // first: a failure leaves no event behind
       }
+      if (event.early && earlyDelta) {
+        // The hello answered meanwhile: on the service's clock after all.
+        event.stamp -= *earlyDelta;
+        event.early = false;
+      }
       // The decision capture carries out, made now so that a flush is asked
-      // for at once, in acceptance order.
+      // for at once, in acceptance order. Early events ask for none: the
+      // hello's answer flushes them.
       static const std::optional<std::vector<std::string>> kNoPriorities;
       const CaptureRules& rules = captureRules;
-      event.decision = delivery::CaptureFlush::decide(
-          name, rules.priorities ? rules.config->highPriorityEvents() : kNoPriorities,
-          rules.countBatching, rules.batchAmount, postCount.load(std::memory_order_relaxed));
+      if (!event.early) {
+        event.decision = delivery::CaptureFlush::decide(
+            name, rules.priorities ? rules.config->highPriorityEvents() : kNoPriorities,
+            rules.countBatching, rules.batchAmount, postCount.load(std::memory_order_relaxed));
+      }
       if (event.decision.counted) {
         postCount.store(event.decision.postCount, std::memory_order_relaxed);
       }
@@ -172,6 +188,8 @@ void Telvo::Impl::drainPendingEvents() {
 }
 
 void Telvo::Impl::drainLocked() {
+  // Early events wait, uncaptured, for the session the hello will give them.
+  if (options.retry && !initialized.load(std::memory_order_acquire)) return;
   // The pending buffers trade places with the drained ones, emptied last
   // time but keeping their memory: a steady stream of events allocates and
   // touches no new memory here or in sendEvent.

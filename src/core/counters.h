@@ -32,9 +32,10 @@ struct Counters {
   // eventsAccepted is written under the client's pendingMutex only.
   Counter eventsAccepted, eventsRefusedNotInitialized, eventsRefusedDisabled,
       eventsRefusedThrottled, eventsDroppedQueueFull, eventsDroppedTooLarge, eventsDroppedBacklog,
-      eventsDroppedUnwritable, eventsPosted, eventsFailed;
+      eventsDroppedUnwritable, eventsDroppedRefused, eventsPosted, eventsFailed;
   Counter errorsAccepted, errorsDropped, errorsSent, errorsFailed;
   Counter postsMade, postsFailed;
+  Counter retries, spooled, replayed, spoolDroppedOldest, spoolCorrupt;
 
   Stats snapshot() const {
     Stats stats;
@@ -46,6 +47,7 @@ struct Counters {
     stats.eventsDroppedTooLarge = eventsDroppedTooLarge.get();
     stats.eventsDroppedBacklog = eventsDroppedBacklog.get();
     stats.eventsDroppedUnwritable = eventsDroppedUnwritable.get();
+    stats.eventsDroppedRefused = eventsDroppedRefused.get();
     stats.eventsRefusedNotInitialized = eventsRefusedNotInitialized.get();
     stats.eventsRefusedDisabled = eventsRefusedDisabled.get();
     stats.eventsRefusedThrottled = eventsRefusedThrottled.get();
@@ -54,6 +56,11 @@ struct Counters {
     stats.errorsDropped = errorsDropped.get();
     stats.postsFailed = postsFailed.get();
     stats.postsMade = postsMade.get();
+    stats.retries = retries.get();
+    stats.spooled = spooled.get();
+    stats.replayed = replayed.get();
+    stats.spoolDroppedOldest = spoolDroppedOldest.get();
+    stats.spoolCorrupt = spoolCorrupt.get();
     stats.errorsAccepted = errorsAccepted.get();
     stats.eventsAccepted = eventsAccepted.get();
     const std::uint64_t settled = stats.eventsPosted + stats.eventsFailed + stats.eventsDropped();
@@ -64,7 +71,8 @@ struct Counters {
   // Events and error reports dropped by a bound or lost in a failed post.
   std::uint64_t lost() const {
     return eventsDroppedQueueFull.get() + eventsDroppedTooLarge.get() +
-           eventsDroppedBacklog.get() + eventsDroppedUnwritable.get() + eventsFailed.get() +
+           eventsDroppedBacklog.get() + eventsDroppedUnwritable.get() +
+           eventsDroppedRefused.get() + eventsFailed.get() +
            errorsDropped.get() + errorsFailed.get();
   }
 };

@@ -19,6 +19,7 @@
 #include <mutex>
 #include <set>
 
+#include "delivery/retry_rules.h"
 #include "telvo/telvo_transport.h"
 
 namespace telvo {
@@ -63,13 +64,12 @@ class Deliveries : public std::enable_shared_from_this<Deliveries> {
 
   // A delegate for one request: it forwards everything to `inner` and holds
   // `ticket`, which the transport returns by releasing it after the request's
-  // completion. `settle`, when given, hears once whether the request was
-  // delivered: an answer came with a 2xx status (or one the transport did
-  // not tell); a failed transfer, another status, or no completion at all
-  // is not delivered. It runs while `inner` is still held.
+  // completion. `settle`, when given, hears once how the attempt ended
+  // (no completion at all counts as a failed transfer), while `inner` is
+  // still held.
   static std::shared_ptr<TelvoTransportDelegate> tracked(
       std::shared_ptr<TelvoTransportDelegate> inner, std::shared_ptr<Ticket> ticket,
-      std::function<void(bool delivered)> settle = nullptr);
+      std::function<void(const delivery::Attempt&)> settle = nullptr);
 
  private:
   void finish(std::uint64_t number) {

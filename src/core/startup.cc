@@ -22,8 +22,9 @@ void Telvo::Impl::getConfigs() {
   }
   std::optional<URL> location;
   if (current) location = current->configURL();
-  platform.transport->sendRequest(configuration::configurationRequest(std::move(location)),
-                                  kConfigurationContext, self());
+  platform.transport->sendRequest(
+      configuration::configurationRequest(std::move(location)), kConfigurationContext,
+      options.retry ? startupDelegate(kConfigurationContext) : self());
 }
 
 void Telvo::Impl::sendHello() {
@@ -57,7 +58,8 @@ void Telvo::Impl::sendHello() {
   if (hello.storedCookieSkipped) {
     log("Telvo: the stored service cookie cannot be rebuilt; hello is sent without it");
   }
-  platform.transport->sendRequest(std::move(*hello.request), kHelloContext, self());
+  platform.transport->sendRequest(std::move(*hello.request), kHelloContext,
+                                  options.retry ? startupDelegate(kHelloContext) : self());
 }
 
 void Telvo::Impl::requestDidReceiveResult(const std::optional<Json>& result,
@@ -89,7 +91,11 @@ void Telvo::Impl::handleConfiguration(const std::optional<Json>& result) {
   }
   setMasterConfig(master);
   if (debugging()) log("Master Config: " + master->description());
-  if (master->enabled()) sendHello();
+  if (master->enabled()) {
+    sendHello();
+  } else if (options.retry) {
+    dropEarlyEvents("the configuration disables reporting");
+  }
 }
 
 void Telvo::Impl::handleHello(const std::optional<Json>& result) {
@@ -125,7 +131,13 @@ void Telvo::Impl::handleHello(const std::optional<Json>& result) {
           "device's clock");
     }
     timeStampDelta.store(delta, std::memory_order_release);
+    if (options.retry) {
+      if (answer->throttled) dropEarlyEvents("the service throttles this client");
+      correctEarlyEvents(delta);
+    }
     initialized.store(true, std::memory_order_release);
+    // What the host sent before the answer goes now, under this session.
+    if (options.retry) dumpEvents();
 
     if (auto host = owner.delegate()) {
       if (host->respondsToTelvoInitialized()) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <random>
 #include <utility>
 
 #include "config/hello.h"
@@ -24,6 +25,8 @@ Telvo::Impl::Impl(Telvo& owner, const Platform& platform, const ClientOptions& o
     : owner(owner),
       platform(platform.withDefaults()),
       options(options),
+      backoff(options.retryInitialSeconds, options.retryMaxSeconds,
+              options.retrySeed != 0 ? options.retrySeed : std::random_device{}()),
       sessionID(std::make_shared<const Json>("")),
       config(config),
       environment(std::move(environment)),
@@ -225,6 +228,10 @@ std::vector<Event> Telvo::batch() const {
 void Telvo::setBatch(std::vector<Event> batch) { _impl->replaceBatch(batch); }
 Stats Telvo::stats() const { return _impl->counters.snapshot(); }
 const ClientOptions& Telvo::options() const { return _impl->options; }
+void Telvo::networkAvailable() {
+  if (core::stopped()) return;
+  _impl->networkAvailable();
+}
 bool Telvo::debug() const { return _impl->debugging(); }
 void Telvo::setDebug(bool debug) { _impl->debug.store(debug, std::memory_order_relaxed); }
 std::shared_ptr<TelvoDelegate> Telvo::delegate() const {

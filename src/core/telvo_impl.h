@@ -9,6 +9,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
+#include <functional>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -22,6 +24,7 @@
 #include "core/event_queue.h"
 #include "delivery/error_post.h"
 #include "delivery/flush_rules.h"
+#include "delivery/retry_rules.h"
 #include "telvo/client_options.h"
 #include "telvo/platform.h"
 #include "telvo/telvo.h"
@@ -76,6 +79,35 @@ struct TELVO_LOCAL Telvo::Impl {
   void post(URLRequest request, std::size_t events,
             std::shared_ptr<core::Deliveries::Ticket> ticket);
 
+  // --- The retrying delivery (retrying.cc), with ClientOptions::retry.
+  // A post on its way: sent, or waiting its turn behind a retry.
+  struct Outgoing {
+    URLRequest request;
+    std::size_t events = 0;  // 0: an error report
+    std::int64_t bytes = 0;  // its share of backlogBytes
+    std::shared_ptr<core::Deliveries::Ticket> ticket;  // returned at its end
+    std::int64_t retries = 0;
+  };
+  // Sends it; a failure worth retrying puts it in the line.
+  void send(std::shared_ptr<Outgoing> outgoing);
+  // Its final outcome: counted, its backlog and ticket released.
+  void settle(Outgoing& outgoing, bool delivered);
+  // After a post of the line ended: the next one goes, or the line opens.
+  void nextInLine();
+  // A start-up request that failed: tried again after a backoff.
+  void startupFailed(std::int32_t context);
+  // Runs `action` on the main queue after `seconds`, once, as the retry
+  // timer (replacing one that waits); networkAvailable() runs it at once.
+  void retryAfter(double seconds, std::function<void()> action);
+  void networkAvailable();
+  // The delegate of a start-up request in the retrying mode.
+  std::shared_ptr<TelvoTransportDelegate> startupDelegate(std::int32_t context);
+  // Events kept before initialisation: stamps corrected once the hello
+  // answered; dropped when the configuration is disabled or the client
+  // throttled.
+  void correctEarlyEvents(double delta);
+  void dropEarlyEvents(const std::string& why);
+
   // The fields a background job reads, taken together under the lock.
   struct Snapshot {
     std::shared_ptr<const TelvoConfig> config;
@@ -115,6 +147,17 @@ struct TELVO_LOCAL Telvo::Impl {
   std::atomic<std::int64_t> backlogBytes{0};
   // Error reports accepted and not yet handed to the transport.
   std::atomic<std::int64_t> pendingReports{0};
+
+  // The retrying delivery's state, guarded by retryMutex.
+  std::mutex retryMutex;
+  delivery::Backoff backoff;
+  std::deque<std::shared_ptr<Outgoing>> line;  // posts waiting their turn
+  bool lineBusy = false;  // a post of the line is under way or waiting to be retried
+  std::shared_ptr<Timer> retryTimer;
+  std::function<void()> retryAction;  // what retryTimer will do
+  std::int64_t configRetries = 0, helloRetries = 0;
+  // Early events are no longer kept: the configuration is disabled.
+  std::atomic<bool> earlyRefused{false};
 
   std::atomic<bool> debug{false};
   std::atomic<bool> throttled{false};
@@ -165,12 +208,18 @@ struct TELVO_LOCAL Telvo::Impl {
     delivery::CaptureFlush decision;
     // What it counts for against the bound until it is captured.
     std::size_t bytes = 0;
+    // Accepted before initialisation (the retrying delivery): stamped with
+    // the device's clock until the hello's offset corrects it.
+    bool early = false;
   };
   std::mutex pendingMutex;
   std::vector<PendingEvent> pending;  // guarded by pendingMutex
   std::string pendingText;            // guarded by pendingMutex
   std::size_t pendingBytes = 0;       // guarded by pendingMutex
   bool drainScheduled = false;        // guarded by pendingMutex
+  // The hello answered: early events are corrected by this offset as they
+  // come. Guarded by pendingMutex.
+  std::optional<double> earlyDelta;
   // The capture rules as the caller's thread reads them, kept beside the
   // pending events so that a call touches few cache lines; guarded by
   // pendingMutex, set with config and masterConfig.
@@ -188,8 +237,9 @@ struct TELVO_LOCAL Telvo::Impl {
   std::string drainedText;
 
  private:
-  // Counts the call against the acceptance test: true when accepted.
-  bool acceptsEvent();
+  // Counts the call against the acceptance test: true when accepted, with
+  // `early` set when it is kept before initialisation (the retrying delivery).
+  bool acceptsEvent(bool& early);
   // Appends an accepted event (for fields, with its name and members) to the
   // pending ones, unless a bound refuses it.
   void enqueue(PendingEvent event, std::string_view name, std::string_view members);
