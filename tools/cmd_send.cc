@@ -1,12 +1,17 @@
 // `telvo send --config-base URL --app NAME --site NAME --app-version V
 //   --platform P --property P --environment E [--high-priority a,b]
 //   [--cacert FILE] [--debug] [--event NAME[=JSON]]... [--error CODE[=JSON]]...
-//   [--timeout SECONDS]`:
+//   [--timeout SECONDS] [--retry] [--spool PATH]`:
 // drives a real client from the shell. It waits (bounded) until the client is
 // initialised, sends the events and then the error reports, flushes, waits for
 // every post to complete and exits 0. A client that does not become
 // initialised in time is explained (configuration unreachable, reporting
-// disabled, no session id) and the command exits 1.
+// disabled, no session id) and the command exits 1. With --retry the client
+// retries (start-up and posts) and keeps what it is given before it is
+// initialised: the events are sent at once, and the command waits, up to
+// --timeout in all, until every one is delivered. --spool PATH keeps them on
+// disk meanwhile; with no --event or --error it delivers what the spool
+// holds.
 #include <chrono>
 #include <cmath>
 #include <future>
@@ -39,6 +44,8 @@ struct SendOptions {
   std::vector<std::string> events;
   std::vector<std::string> errors;
   double timeout = 20;
+  bool retry = false;
+  std::string spool;
 };
 
 struct EventArg {
@@ -88,6 +95,56 @@ std::string whyNotInitialised(const Telvo& client, double seconds) {
   return "no session id: the hello to " + master->servicesUrl().value_or("(no servicesUrl)") +
          master->helloApi().value_or("(no helloApi)") + " was not answered with a session id" +
          within;
+}
+
+// --retry: events go at once, before initialisation; error reports once the
+// client is initialised; then everything must be delivered within the
+// timeout, counted from the start.
+int runRetrying(const SendOptions& options, const std::shared_ptr<TelvoConfig>& config,
+                const std::vector<EventArg>& events, const std::vector<ErrorArg>& errors) {
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::milliseconds(std::llround(options.timeout * 1000));
+  auto left = [&] {
+    return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now()),
+                    std::chrono::milliseconds(0));
+  };
+  ClientOptions delivery;
+  delivery.retry = true;
+  delivery.spoolPath = options.spool;
+  auto client = config ? Telvo::create(config, options.property, options.environment, Platform{},
+                                       delivery)
+                       : nullptr;
+  if (!client) {
+    std::cerr << "telvo send: the client could not be created\n";
+    return 1;
+  }
+  client->setDebug(options.debug);
+  try {
+    for (const auto& event : events) client->sendEvent(event.name, event.data);
+    if (!errors.empty()) {
+      while (!client->isInitialized() && left().count() > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+      for (const auto& error : errors) client->sendError(error.code, error.details);
+    }
+  } catch (const UsageError& e) {
+    std::cerr << "telvo send: " << e.what() << "\n";
+    return kExitUsage;
+  }
+  const bool delivered = client->flush(left());
+  const Stats stats = client->stats();
+  shutdown(std::chrono::seconds(2));
+  std::cout << stats.eventsPosted << " event(s) and " << stats.errorsSent
+            << " error report(s) delivered, " << stats.replayed << " from the spool, after "
+            << stats.retries << " retries" << std::endl;
+  if (!delivered || !client->isInitialized()) {
+    std::cerr << "telvo send: not everything was delivered within " << options.timeout
+              << " s (" << stats.eventsQueued << " event(s) still waiting, "
+              << stats.eventsDropped() + stats.eventsFailed << " dropped or failed)\n";
+    return 1;
+  }
+  return 0;
 }
 
 // A day: long enough for any stage, small enough for every clock type.
@@ -154,6 +211,11 @@ int runSend(const SendOptions& options) {
     std::lock_guard<std::mutex> lock(refusal->first);
     return refusal->second;
   };
+  if (!options.spool.empty() && !options.retry) {
+    std::cerr << "telvo send: --spool needs --retry\n";
+    return kExitUsage;
+  }
+  if (options.retry) return runRetrying(options, config, events, errors);
   auto client = config ? Telvo::create(config, options.property, options.environment) : nullptr;
   if (!client) {
     std::cerr << "telvo send: the client could not be created\n";
@@ -229,6 +291,10 @@ const bool registered = registerCommand(70, [](CLI::App& app) {
   cmd->add_option("--event", o->events, "Event NAME or NAME={json object}; repeatable");
   cmd->add_option("--error", o->errors, "Error report CODE or CODE={json details}; repeatable");
   cmd->add_option("--timeout", o->timeout, "Seconds to wait for each stage")->capture_default_str();
+  cmd->add_flag("--retry", o->retry,
+                "Retry start-up and posts, keep events sent before initialisation, and wait "
+                "until all are delivered");
+  cmd->add_option("--spool", o->spool, "With --retry: a folder where undelivered events wait on disk");
   return Command{cmd, [o] { return runSend(*o); }};
 });
 

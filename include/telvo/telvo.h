@@ -193,7 +193,9 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
   // lost in a failed post (no answer, or a status other than 2xx) since the
   // previous flush returned (or the client was created); false otherwise,
   // and on time-out, when the work goes on without the caller. stats() says
-  // what was lost.
+  // what was lost. With ClientOptions::retry, a flush before initialisation
+  // first waits for the hello's answer (events kept until then go with it),
+  // and posts being retried are waited for like any other.
   // Callable from any thread. On the main queue's own thread it cannot wait
   // for the main queue: it schedules the flush and returns false at once
   // (for a host-supplied main queue whose isCurrent() cannot tell, it waits

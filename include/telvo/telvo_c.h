@@ -99,10 +99,20 @@ typedef struct telvo_client_options {
   size_t max_post_bytes;            /* default 4 MiB */
   size_t max_backlog_bytes;         /* default 8 MiB */
   size_t max_pending_error_reports; /* default 1000 */
+  /* The retrying delivery (see telvo/client_options.h): 1 on, 0 off (the
+   * default). The backoff's first ceiling and cap in seconds (0: 1 and 300),
+   * a folder for the disk spool (null: none) and its bound (0: 16 MiB). */
+  int retry;
+  double retry_initial_seconds;
+  double retry_max_seconds;
+  const char* spool_path;
+  size_t max_spool_bytes;
 } telvo_client_options;
 /* Fills `options` with the defaults. */
 TELVO_API int telvo_client_options_init(telvo_client_options* options);
-/* telvo_client_create with bounds; null `options` is the defaults. */
+/* telvo_client_create with bounds and the delivery mode; null `options` is
+ * the defaults. A spool folder that another process holds gives
+ * TELVO_ERROR_INVALID_ARGUMENT with the reason. */
 TELVO_API int telvo_client_create_with_options(const telvo_config* config, const char* property,
                                                const char* environment,
                                                const telvo_client_options* options,
@@ -157,6 +167,9 @@ TELVO_API int telvo_send_error(telvo_client* client, const char* code_json,
  * first; TELVO_ERROR_INCOMPLETE when something was lost (telvo_client_stats
  * says what). Never call it from the initialised callback. */
 TELVO_API int telvo_flush(telvo_client* client, int64_t timeout_ms);
+/* With the retrying delivery: the network is back; what waits for a retry
+ * goes at once. */
+TELVO_API int telvo_network_available(telvo_client* client);
 /* Starts a flush without waiting. */
 TELVO_API int telvo_dump_events(telvo_client* client);
 
@@ -184,7 +197,7 @@ TELVO_API int telvo_client_session_id(const telvo_client* client, char* buffer, 
 
 /* What became of the events and error reports handed to the client so far
  * (the C++ telvo::Stats, field by field). Once the client is quiet (after
- * telvo_flush), events_accepted == events_posted + the four events_dropped_
+ * telvo_flush), events_accepted == events_posted + the five events_dropped_
  * counters + events_failed + events_queued. */
 typedef struct telvo_stats {
   uint64_t events_accepted;
@@ -195,6 +208,7 @@ typedef struct telvo_stats {
   uint64_t events_dropped_too_large;
   uint64_t events_dropped_backlog;
   uint64_t events_dropped_unwritable;
+  uint64_t events_dropped_refused;
   uint64_t events_posted;
   uint64_t events_failed;
   uint64_t events_queued;
@@ -204,6 +218,11 @@ typedef struct telvo_stats {
   uint64_t errors_failed;
   uint64_t posts_made;
   uint64_t posts_failed;
+  uint64_t retries;
+  uint64_t spooled;
+  uint64_t replayed;
+  uint64_t spool_dropped_oldest;
+  uint64_t spool_corrupt;
 } telvo_stats;
 TELVO_API int telvo_client_stats(const telvo_client* client, telvo_stats* out);
 

@@ -303,6 +303,11 @@ int telvo_client_options_init(telvo_client_options* options) {
   options->max_post_bytes = defaults.maxPostBytes;
   options->max_backlog_bytes = defaults.maxBacklogBytes;
   options->max_pending_error_reports = defaults.maxPendingErrorReports;
+  options->retry = defaults.retry ? 1 : 0;
+  options->retry_initial_seconds = defaults.retryInitialSeconds;
+  options->retry_max_seconds = defaults.retryMaxSeconds;
+  options->spool_path = nullptr;
+  options->max_spool_bytes = defaults.maxSpoolBytes;
   return TELVO_OK;
 }
 
@@ -329,6 +334,17 @@ int telvo_client_create_with_options(const telvo_config* config, const char* pro
       take(options->max_post_bytes, bounds.maxPostBytes);
       take(options->max_backlog_bytes, bounds.maxBacklogBytes);
       take(options->max_pending_error_reports, bounds.maxPendingErrorReports);
+      take(options->max_spool_bytes, bounds.maxSpoolBytes);
+      bounds.retry = options->retry != 0;
+      for (auto [given, field] : {std::pair{options->retry_initial_seconds, &bounds.retryInitialSeconds},
+                                  std::pair{options->retry_max_seconds, &bounds.retryMaxSeconds}}) {
+        if (given == 0) continue;
+        if (!std::isfinite(given) || given < 0 || given > 86400) {
+          return fail(TELVO_ERROR_INVALID_ARGUMENT, "retry seconds must be within 0..86400");
+        }
+        *field = given;
+      }
+      if (options->spool_path) bounds.spoolPath = options->spool_path;
     }
     auto handle = std::make_unique<telvo_client>();
     handle->delegate = std::make_shared<CallbackDelegate>(handle.get());
@@ -353,6 +369,7 @@ int telvo_client_stats(const telvo_client* client, telvo_stats* out) {
     out->events_dropped_too_large = stats.eventsDroppedTooLarge;
     out->events_dropped_backlog = stats.eventsDroppedBacklog;
     out->events_dropped_unwritable = stats.eventsDroppedUnwritable;
+    out->events_dropped_refused = stats.eventsDroppedRefused;
     out->events_posted = stats.eventsPosted;
     out->events_failed = stats.eventsFailed;
     out->events_queued = stats.eventsQueued;
@@ -362,6 +379,11 @@ int telvo_client_stats(const telvo_client* client, telvo_stats* out) {
     out->errors_failed = stats.errorsFailed;
     out->posts_made = stats.postsMade;
     out->posts_failed = stats.postsFailed;
+    out->retries = stats.retries;
+    out->spooled = stats.spooled;
+    out->replayed = stats.replayed;
+    out->spool_dropped_oldest = stats.spoolDroppedOldest;
+    out->spool_corrupt = stats.spoolCorrupt;
     return TELVO_OK;
   });
 }
@@ -439,6 +461,14 @@ int telvo_flush(telvo_client* client, int64_t timeout_ms) {
     }
     return fail(TELVO_ERROR_TIMEOUT, "not everything was delivered within " +
                                          std::to_string(timeout_ms) + " ms");
+  });
+}
+
+int telvo_network_available(telvo_client* client) {
+  return guarded([&] {
+    if (!client) return fail(TELVO_ERROR_NULL_ARGUMENT, "client is null");
+    client->client->networkAvailable();
+    return TELVO_OK;
   });
 }
 

@@ -187,6 +187,16 @@ void Telvo::Impl::replaceBatch(const std::vector<Event>& events) {
 
 bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {
   const auto deadline = core::deadlineAfter(timeout);
+  if (options.retry && !initialized.load(std::memory_order_acquire)) {
+    // Events kept before initialisation go once the hello has answered.
+    std::unique_lock<std::mutex> lock(initializedMutex);
+    if (!initializedSignal.wait_until(lock, deadline, [this] {
+          return initialized.load(std::memory_order_acquire) ||
+                 earlyRefused.load(std::memory_order_relaxed);
+        })) {
+      return false;
+    }
+  }
   if (platform.mainQueue->isCurrent()) {
     // Waiting here would hold up the very work waited for.
     dumpEvents();

@@ -224,6 +224,8 @@ void Telvo::Impl::dropEarlyEvents(const std::string& why) {
     pending.swap(kept);
     pendingText.swap(keptText);
   }
+  { std::lock_guard<std::mutex> lock(initializedMutex); }
+  initializedSignal.notify_all();  // a waiting flush has nothing left to wait for
   if (dropped == 0) return;
   counters.eventsDroppedRefused.add(dropped);
   log("Telvo: dropped " + std::to_string(dropped) + " event(s) sent before initialisation: " +

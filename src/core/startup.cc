@@ -137,7 +137,11 @@ void Telvo::Impl::handleHello(const std::optional<Json>& result) {
     }
     initialized.store(true, std::memory_order_release);
     // What the host sent before the answer goes now, under this session.
-    if (options.retry) dumpEvents();
+    if (options.retry) {
+      dumpEvents();
+      { std::lock_guard<std::mutex> lock(initializedMutex); }
+      initializedSignal.notify_all();
+    }
 
     if (auto host = owner.delegate()) {
       if (host->respondsToTelvoInitialized()) {

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <cstdint>
@@ -158,6 +159,10 @@ struct TELVO_LOCAL Telvo::Impl {
   std::int64_t configRetries = 0, helloRetries = 0;
   // Early events are no longer kept: the configuration is disabled.
   std::atomic<bool> earlyRefused{false};
+  // Signalled when the hello's answer initialised the client, for a flush
+  // that waits for early events.
+  std::mutex initializedMutex;
+  std::condition_variable initializedSignal;
 
   std::atomic<bool> debug{false};
   std::atomic<bool> throttled{false};

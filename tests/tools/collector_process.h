@@ -153,12 +153,14 @@ class CollectorProcess {
   }
 
   // Starts it and waits (bounded) for its start line, which names the port.
-  bool start(const std::string& dataDir, const std::vector<std::string>& extra = {}) {
+  // `port` 0 takes a free one.
+  bool start(const std::string& dataDir, const std::vector<std::string>& extra = {}, int port = 0) {
     dataDir_ = dataDir;
     int pipeFds[2];
     if (pipe2(pipeFds, O_CLOEXEC) != 0) return false;
     int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    std::vector<std::string> args{"collector", "--port", "0", "--quiet", "--data", dataDir};
+    std::vector<std::string> args{"collector", "--port", std::to_string(port), "--quiet",
+                                  "--data",    dataDir};
     args.insert(args.end(), extra.begin(), extra.end());
     pid_ = spawnProgram(TELVO_TOOL_PATH, args, pipeFds[1], devNull);
     close(pipeFds[1]);

@@ -10,6 +10,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "telvo/types.h"
 #include "tools/collector_process.h"
@@ -212,6 +213,45 @@ TEST_F(DemoEndToEndTest, SendSaysWhyTheClientDidNotStart) {
   EXPECT_NE(badEvent.err.find("JSON object"), std::string::npos) << badEvent.err;
 
   EXPECT_TRUE(stored()["events"].empty());
+}
+
+// A box whose app starts before its network: with --retry the events are
+// taken at once and delivered once the service is there.
+TEST_F(DemoEndToEndTest, SendWithRetryWaitsForTheServiceToComeUp) {
+  start({});
+  const int port = collector_.port();
+  const std::string base = configBase();
+  ASSERT_EQ(collector_.stop(), 0);
+
+  const std::string out = dir_.file("retry-out"), err = dir_.file("retry-err");
+  const int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  std::vector<std::string> args{"send",        "--config-base", base,    "--app",      "Player",
+                                "--site",      "lab",           "--app-version", "2.0",
+                                "--platform",  "linux",         "--property",    "cli",
+                                "--environment", "count",       "--cacert",
+                                collector_.certificatePath(),   "--timeout",     "30",
+                                "--retry",     "--event",       "boot={\"n\":1}", "--event",
+                                "menu",        "--error",       "E7"};
+  const pid_t sender = testing::spawnProgram(TELVO_TOOL_PATH, args, outFd, errFd, env_);
+  close(outFd);
+  close(errFd);
+  ASSERT_GT(sender, 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  ASSERT_TRUE(collector_.start(dir_.file("data"), {}, port)) << "collector did not come back";
+
+  const auto status = testing::waitForExit(sender, std::chrono::seconds(40));
+  if (!status) kill(sender, SIGKILL), waitpid(sender, nullptr, 0);
+  EXPECT_EQ(status.value_or(-1), 0) << testing::readFile(err);
+  EXPECT_NE(testing::readFile(out).find("2 event(s) and 1 error report(s) delivered"),
+            std::string::npos)
+      << testing::readFile(out);
+  EXPECT_NE(testing::readFile(err).find("trying again in"), std::string::npos);
+  const Json rows = stored();
+  ASSERT_EQ(rows["events"].size(), 2u) << rows.dump();
+  std::set<std::string> types;
+  for (const Json& row : rows["events"]) types.insert(row["eventType"].get<std::string>());
+  EXPECT_EQ(types, (std::set<std::string>{"boot", "menu"}));
 }
 
 }  // namespace
