@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "config/event_names.h"
+#include "core/shutdown.h"
 #include "encoding/json_text.h"
 #include "telvo/field.h"
 #include "telvo/log.h"
@@ -350,7 +351,12 @@ int telvo_client_create_with_options(const telvo_config* config, const char* pro
     handle->delegate = std::make_shared<CallbackDelegate>(handle.get());
     handle->client = telvo::Telvo::create(std::make_shared<telvo::TelvoConfig>(config->config),
                                           property, environment, telvo::Platform{}, bounds);
-    if (!handle->client) return fail(TELVO_ERROR_INTERNAL, "the client could not be created");
+    if (!handle->client) {
+      if (!telvo::core::creationError().empty()) {
+        return fail(TELVO_ERROR_INVALID_ARGUMENT, telvo::core::creationError());
+      }
+      return fail(TELVO_ERROR_INTERNAL, "the client could not be created");
+    }
     handle->client->setDelegate(handle->delegate);
     *out = handle.release();
     return TELVO_OK;

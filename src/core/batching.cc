@@ -108,8 +108,15 @@ void Telvo::Impl::flushNow() {
   }
   // One post, or several in timestamp order when the events exceed a post.
   for (std::size_t next = 0; next < events.size();) {
+    const std::size_t from = next;
     auto part = delivery::BatchPayload::write(*current.session, events, next, options.maxPostBytes);
     next = part.next;
+    std::vector<std::uint64_t> spooled;
+    if (spool) {
+      for (std::size_t i = from; i < next; ++i) {
+        if (events[i].spoolSequence() != 0) spooled.push_back(events[i].spoolSequence());
+      }
+    }
     if (part.oversized > 0) {
       counters.eventsDroppedTooLarge.add(part.oversized);
       tooLarge.drop("Telvo: dropped " + std::to_string(part.oversized) +
@@ -117,15 +124,19 @@ void Telvo::Impl::flushNow() {
                     std::to_string(options.maxPostBytes) +
                     " bytes); such events are dropped and counted until one fits");
     }
-    if (part.events == 0) continue;
+    if (part.events == 0) {
+      forget(spooled);
+      continue;
+    }
     if (debugging()) log("Sending events string: " + part.json);
     post(delivery::BatchPayload::request(servicesUrl, batchApi, part.json), part.events,
-         deliveries->begin());
+         deliveries->begin(), std::move(spooled));
   }
 }
 
 void Telvo::Impl::post(URLRequest request, std::size_t events,
-                       std::shared_ptr<core::Deliveries::Ticket> ticket) {
+                       std::shared_ptr<core::Deliveries::Ticket> ticket,
+                       std::vector<std::uint64_t> spooled) {
   const auto size = static_cast<std::int64_t>(request.HTTPBody ? request.HTTPBody->size() : 0);
   // One post is always let through: a bound smaller than one body must not
   // stop everything.
@@ -148,6 +159,7 @@ void Telvo::Impl::post(URLRequest request, std::size_t events,
   auto outgoing = std::make_shared<Outgoing>();
   outgoing->events = events;
   outgoing->bytes = size;
+  outgoing->spooled = std::move(spooled);
   if (options.retry) {
     outgoing->request = std::move(request);
     outgoing->ticket = std::move(ticket);

@@ -111,6 +111,7 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
   const bool tooBig = bytes > options.maxPostBytes;
   bool full = false;
   bool schedule = false;
+  bool spoolPass = false;
   {
     std::lock_guard<std::mutex> lock(pendingMutex);
     counters.eventsAccepted.addLocked();
@@ -146,6 +147,8 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
       pendingBytes += bytes;
       schedule = !drainScheduled && (flushes || pendingBytes >= kDrainBytes);
       drainScheduled = drainScheduled || schedule;
+      spoolPass = spool && !spoolPassScheduled;
+      spoolPassScheduled = spoolPassScheduled || spoolPass;
     }
   }
   if (tooBig) {
@@ -165,6 +168,7 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
   queueFull.fits();
   tooLarge.fits();
   if (schedule) postDrain(name);
+  if (spoolPass) scheduleSpoolPass();
 }
 
 void Telvo::Impl::postDrain(std::string_view name) {
@@ -188,6 +192,8 @@ void Telvo::Impl::drainPendingEvents() {
 }
 
 void Telvo::Impl::drainLocked() {
+  // To disk first, early events included.
+  if (spool) spoolPending();
   // Early events wait, uncaptured, for the session the hello will give them.
   if (options.retry && !initialized.load(std::memory_order_acquire)) return;
   // The pending buffers trade places with the drained ones, emptied last
@@ -274,9 +280,11 @@ void Telvo::Impl::captureEvent(PendingEvent& event, std::string_view pendingText
   if (record) {
     queuedBytes.fetch_add(static_cast<std::int64_t>(record->bytes()) -
                         static_cast<std::int64_t>(event.bytes));
+    record->setSpoolSequence(event.spoolSequence);
     queue.push(std::move(*record));
   } else {
     queuedBytes.fetch_sub(static_cast<std::int64_t>(event.bytes));
+    if (event.spoolSequence != 0) forget({event.spoolSequence});
     counters.eventsDroppedUnwritable.add();
     log("Telvo: dropped event \"" + std::string(name) + "\": " + *dropped);
   }

@@ -91,7 +91,11 @@ void Telvo::Impl::postErrorReport(const Json& code, const Details& details,
   if (debugging()) log("Payload: " + json);
   std::optional<std::string> servicesUrl;
   if (current.master) servicesUrl = current.master->servicesUrl();
-  post(delivery::ErrorPost::request(servicesUrl, json), 0, std::move(ticket));
+  std::vector<std::uint64_t> spooled;
+  if (const std::uint64_t sequence = spoolErrorReport(encoding::dumpJson(*current.session), json)) {
+    spooled.push_back(sequence);
+  }
+  post(delivery::ErrorPost::request(servicesUrl, json), 0, std::move(ticket), std::move(spooled));
 }
 
 }  // namespace telvo

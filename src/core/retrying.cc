@@ -188,6 +188,7 @@ void Telvo::Impl::settle(Outgoing& outgoing, bool delivered) {
   } else {
     (delivered ? counters.errorsSent : counters.errorsFailed).add();
   }
+  forget(outgoing.spooled);
   outgoing.ticket.reset();
 }
 
@@ -204,7 +205,9 @@ void Telvo::Impl::correctEarlyEvents(double delta) {
 void Telvo::Impl::dropEarlyEvents(const std::string& why) {
   earlyRefused.store(true, std::memory_order_relaxed);
   std::size_t dropped = 0;
+  std::vector<std::uint64_t> spooled;
   {
+    std::lock_guard<std::mutex> drainLock(drainMutex);
     std::lock_guard<std::mutex> lock(pendingMutex);
     std::vector<PendingEvent> kept;
     std::string keptText;
@@ -212,6 +215,7 @@ void Telvo::Impl::dropEarlyEvents(const std::string& why) {
       if (event.early) {
         ++dropped;
         pendingBytes -= event.bytes;
+        if (event.spoolSequence != 0) spooled.push_back(event.spoolSequence);
         continue;
       }
       if (event.fields) {
@@ -224,6 +228,7 @@ void Telvo::Impl::dropEarlyEvents(const std::string& why) {
     pending.swap(kept);
     pendingText.swap(keptText);
   }
+  forget(spooled);
   { std::lock_guard<std::mutex> lock(initializedMutex); }
   initializedSignal.notify_all();  // a waiting flush has nothing left to wait for
   if (dropped == 0) return;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <string>
 
 namespace telvo {
 namespace core {
@@ -12,6 +13,13 @@ namespace core {
 inline std::atomic<bool> libraryStopped{false};
 
 inline bool stopped() { return libraryStopped.load(std::memory_order_relaxed); }
+
+// Why the calling thread's last Telvo::create gave nothing (the C interface
+// reports it).
+inline std::string& creationError() {
+  thread_local std::string text;
+  return text;
+}
 
 // Now plus `timeout` (negative counts as 0), for a deadline the host named:
 // capped at a year, so no time-out overflows the clock.

@@ -134,6 +134,11 @@ void Telvo::Impl::handleHello(const std::optional<Json>& result) {
     if (options.retry) {
       if (answer->throttled) dropEarlyEvents("the service throttles this client");
       correctEarlyEvents(delta);
+      // What an earlier run left on disk goes first, once; a flush waiting
+      // for initialisation then waits for it too.
+      if (spool && !replayStarted.exchange(true)) {
+        platform.mainQueue->post([self = self()] { self->_impl->replaySpool(); });
+      }
     }
     initialized.store(true, std::memory_order_release);
     // What the host sent before the answer goes now, under this session.

@@ -58,6 +58,13 @@ std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::s
   std::shared_ptr<Telvo> client(
       new Telvo(config, std::move(property), std::move(environment), platform, options));
   Impl& impl = *client->_impl;
+  core::creationError().clear();
+  std::string spoolError;
+  if (!impl.openSpool(&spoolError)) {
+    core::creationError() = "the spool cannot be opened: " + spoolError;
+    log("Telvo: the client could not be created: " + core::creationError());
+    return nullptr;
+  }
 
   // Observers hold the client weakly: they must not keep it alive, and a post
   // racing with destruction finds nothing to call.

@@ -26,6 +26,7 @@
 #include "delivery/error_post.h"
 #include "delivery/flush_rules.h"
 #include "delivery/retry_rules.h"
+#include "delivery/spool.h"
 #include "telvo/client_options.h"
 #include "telvo/platform.h"
 #include "telvo/telvo.h"
@@ -77,8 +78,24 @@ struct TELVO_LOCAL Telvo::Impl {
 
   // Hands a post of `events` events (or, with 0, one error report) to the
   // transport, unless the backlog bound refuses it; counts its outcome.
+  // `spooled`: the spool's records of what it carries, forgotten once it is
+  // delivered or given up on.
   void post(URLRequest request, std::size_t events,
-            std::shared_ptr<core::Deliveries::Ticket> ticket);
+            std::shared_ptr<core::Deliveries::Ticket> ticket,
+            std::vector<std::uint64_t> spooled = {});
+
+  // --- The spool (spooling.cc), with ClientOptions::retry and spoolPath.
+  // Opens it at creation; false (with the reason) when it cannot be had.
+  bool openSpool(std::string* error);
+  // With drainMutex held: writes the pending events not yet on disk.
+  void spoolPending();
+  // Writes one error report's post; its sequence, 0 when not written.
+  std::uint64_t spoolErrorReport(const std::string& session, const std::string& json);
+  void forget(const std::vector<std::uint64_t>& sequences);
+  // Once a session exists: posts what an earlier run left on disk.
+  void replaySpool();
+  // A spool pass within kSpoolSeconds (the caller set spoolPassScheduled).
+  void scheduleSpoolPass();
 
   // --- The retrying delivery (retrying.cc), with ClientOptions::retry.
   // A post on its way: sent, or waiting its turn behind a retry.
@@ -88,6 +105,7 @@ struct TELVO_LOCAL Telvo::Impl {
     std::int64_t bytes = 0;  // its share of backlogBytes
     std::shared_ptr<core::Deliveries::Ticket> ticket;  // returned at its end
     std::int64_t retries = 0;
+    std::vector<std::uint64_t> spooled;
   };
   // Sends it; a failure worth retrying puts it in the line.
   void send(std::shared_ptr<Outgoing> outgoing);
@@ -157,6 +175,11 @@ struct TELVO_LOCAL Telvo::Impl {
   std::shared_ptr<Timer> retryTimer;
   std::function<void()> retryAction;  // what retryTimer will do
   std::int64_t configRetries = 0, helloRetries = 0;
+  std::unique_ptr<delivery::Spool> spool;
+  // Records an earlier run left in the spool, to be replayed once.
+  std::uint64_t spoolLeftOver = 0;
+  std::atomic<bool> replayStarted{false};
+  bool spoolPassScheduled = false;  // guarded by pendingMutex
   // Early events are no longer kept: the configuration is disabled.
   std::atomic<bool> earlyRefused{false};
   // Signalled when the hello's answer initialised the client, for a flush
@@ -216,6 +239,8 @@ struct TELVO_LOCAL Telvo::Impl {
     // Accepted before initialisation (the retrying delivery): stamped with
     // the device's clock until the hello's offset corrects it.
     bool early = false;
+    // Its record in the spool, 0 while it is not written there.
+    std::uint64_t spoolSequence = 0;
   };
   std::mutex pendingMutex;
   std::vector<PendingEvent> pending;  // guarded by pendingMutex

@@ -5,7 +5,7 @@
 namespace telvo {
 namespace delivery {
 
-static_assert(sizeof(QueuedEvent) <= 64, "a queued event's record grew past 64 bytes");
+static_assert(sizeof(QueuedEvent) <= 72, "a queued event's record grew past 72 bytes");
 
 std::optional<QueuedEvent> QueuedEvent::make(std::string_view name, std::string_view data,
                                              bool dataIsCompactJson, double timestamp,

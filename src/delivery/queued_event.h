@@ -1,5 +1,6 @@
 // QueuedEvent: one captured event as the queue keeps it until the flush, kept
-// compact: a queued event costs its text, one allocation and a 64-byte record.
+// compact: a queued event costs its text, one allocation and a record of at
+// most 72 bytes (on 64-bit machines).
 // A plain value; not synchronised.
 #pragma once
 
@@ -35,6 +36,9 @@ class QueuedEvent {
   double timestamp() const { return _timestamp; }
   // The session id at capture, shared by the events of one session.
   const std::shared_ptr<const Json>& session() const { return _session; }
+  // Where it waits on disk too (the spool's sequence), 0 when it does not.
+  std::uint64_t spoolSequence() const { return _spoolSequence; }
+  void setSpoolSequence(std::uint64_t sequence) { _spoolSequence = sequence; }
   // Its name and data with kOverheadBytes.
   std::size_t bytes() const { return _text.size() + kOverheadBytes; }
 
@@ -44,6 +48,7 @@ class QueuedEvent {
   bool _dataIsCompactJson = false;
   double _timestamp = 0;
   std::shared_ptr<const Json> _session;
+  std::uint64_t _spoolSequence = 0;
 };
 
 }  // namespace delivery
