@@ -179,11 +179,12 @@ DecodedEnvelope decodeTelvoJsonParameter(std::string_view body, std::size_t maxI
                      std::to_string(encoding::kMaxJsonDepth) + " deep";
     return result;
   }
-  try {
-    result.document = Json::parse(result.json);
-  } catch (const std::exception& e) {
+  std::string problem;
+  result.document = encoding::parseJson(result.json, &problem);
+  if (result.document.is_discarded()) {
+    result.document = Json();
     result.failure = Failure::kJson;
-    result.message = std::string("json: the text after \"telvoJson=\" does not parse: ") + e.what();
+    result.message = "json: the text after \"telvoJson=\" does not parse: " + problem;
   }
   return result;
 }
