@@ -6,6 +6,7 @@
 
 #include "config/event_names.h"
 #include "encoding/json_text.h"
+#include "encoding/utf8.h"
 #include "telvo/device.h"
 #include "telvo/log.h"
 
@@ -123,29 +124,32 @@ std::string TelvoConfig::description() const {
 }
 
 std::optional<std::string> TelvoConfig::JSONString() const {
-  // Insertion order keeps the output readable; readers must not rely on it.
-  nlohmann::ordered_json identity = nlohmann::ordered_json::object();
+  // A fixed order keeps the output readable; readers must not rely on it.
   const std::pair<const char*, const std::optional<std::string>*> fields[] = {
       {"site", &_site},         {"configBaseUrl", &_configBaseUrl},
       {"appName", &_appName},   {"appVersion", &_appVersion},
       {"platform", &_platform}, {"platformVersion", &_platformVersion},
   };
+  bool writable = true;
+  std::string text = "{";
   for (const auto& [key, value] : fields) {
+    if (text.size() > 1) text += ',';
+    encoding::appendJsonString(text, key);
+    text += ':';
     if (!*value && holdsNull(key)) {
-      identity[key] = nullptr;
+      text += "null";
       continue;
     }
     if (!*value) {
       throw UsageError(std::string("TelvoConfig::JSONString: \"") + key + "\" is unset");
     }
-    identity[key] = **value;
-  }
-  try {
-    return identity.dump();
-  } catch (const nlohmann::json::exception&) {
     // Text that is not valid UTF-8 cannot be written as JSON.
-    return std::nullopt;
+    writable = writable && utf8::isValid(**value);
+    encoding::appendJsonString(text, **value);
   }
+  if (!writable) return std::nullopt;
+  text += '}';
+  return text;
 }
 
 }  // namespace telvo
