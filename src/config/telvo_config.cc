@@ -115,12 +115,21 @@ std::shared_ptr<TelvoConfig> TelvoConfig::telvoConfigWithDictionary(const Json& 
 std::string TelvoConfig::description() const {
   char identity[32];
   std::snprintf(identity, sizeof identity, "%p", static_cast<const void*>(this));
-  return std::string("TelvoConfig: ") + identity + "\nSite: " + shown(*this, "site", _site) +
-         "\nConfig Base URL: " + shown(*this, "configBaseUrl", _configBaseUrl) +
-         "\nApp Name: " + shown(*this, "appName", _appName) +
-         "\nApp Version: " + shown(*this, "appVersion", _appVersion) +
-         "\nPlatform: " + shown(*this, "platform", _platform) +
-         "\nPlatform Version:" + shown(*this, "platformVersion", _platformVersion);
+  std::string out = "TelvoConfig: ";
+  out += identity;
+  // One append each rather than a chain of temporaries.
+  auto line = [&](const char* label, const char* property,
+                  const std::optional<std::string>& value) {
+    out += label;
+    out += shown(*this, property, value);
+  };
+  line("\nSite: ", "site", _site);
+  line("\nConfig Base URL: ", "configBaseUrl", _configBaseUrl);
+  line("\nApp Name: ", "appName", _appName);
+  line("\nApp Version: ", "appVersion", _appVersion);
+  line("\nPlatform: ", "platform", _platform);
+  line("\nPlatform Version:", "platformVersion", _platformVersion);
+  return out;
 }
 
 std::optional<std::string> TelvoConfig::JSONString() const {
