@@ -1,9 +1,10 @@
 #include "delivery/flush_order.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <utility>
 #include <vector>
+
+#include "encoding/key_order.h"
 
 namespace telvo {
 namespace delivery {
@@ -17,14 +18,12 @@ void sortByTimestamp(std::deque<QueuedEvent>& events) {
   if (std::is_sorted(events.begin(), events.end(), earlier)) return;
   // The sort moves small (timestamp, place) pairs; each event then moves
   // once, to its place.
-  using Key = std::pair<double, std::size_t>;
-  std::vector<Key> order;
+  std::vector<encoding::KeyAndPlace> order;
   order.reserve(events.size());
   for (std::size_t i = 0; i < events.size(); ++i) order.emplace_back(events[i].timestamp(), i);
-  std::stable_sort(order.begin(), order.end(),
-                   [](const Key& a, const Key& b) { return a.first < b.first; });
+  encoding::sortByKey(order);
   std::deque<QueuedEvent> sorted;
-  for (const Key& key : order) sorted.push_back(std::move(events[key.second]));
+  for (const auto& key : order) sorted.push_back(std::move(events[key.second]));
   events.swap(sorted);
 }
 
