@@ -115,8 +115,8 @@ class DocumentBuilder {
 Json parseJson(std::string_view text, std::string* error) {
   if (!withinJsonDepth(text)) {
     if (error) {
-      *error = "the text nests arrays and objects more than " + std::to_string(kMaxJsonDepth) +
-               " deep";
+      *error =
+          "the text nests arrays and objects more than " + std::to_string(kMaxJsonDepth) + " deep";
     }
     return Json(Json::value_t::discarded);
   }

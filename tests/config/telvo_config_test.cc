@@ -150,9 +150,8 @@ TEST_F(TelvoConfigTest, ConstructorDescriptionAndJSON) {
                                       {"platform", "Linux"},
                                       {"platformVersion", "6.1"}}));
   // One line, the fields in a fixed order, escaped as the JSON writer escapes.
-  EXPECT_EQ(*text,
-            R"({"site":"news","configBaseUrl":"https://b/","appName":"Reader \"beta\"",)"
-            R"("appVersion":"3.0","platform":"Linux","platformVersion":"6.1"})");
+  EXPECT_EQ(*text, R"({"site":"news","configBaseUrl":"https://b/","appName":"Reader \"beta\"",)"
+                   R"("appVersion":"3.0","platform":"Linux","platformVersion":"6.1"})");
   config.setPlatform(std::string("TV\x7f\t\xC3\xA9\x01"));
   EXPECT_EQ(Json::parse(*config.JSONString())["platform"], "TV\x7f\t\xC3\xA9\x01");
   EXPECT_NE(config.JSONString()->find(R"("platform":"TV)"

@@ -82,8 +82,8 @@ TEST(JsonText, StringsAreWrittenAsTheJsonWriterWritesThem) {
 }
 
 TEST(JsonText, ParseReadsJsonAndRefusesEverythingElse) {
-  const Json document =
-      parseJson(" {\"a\":1,\"b\":[true,null,-2,18446744073709551615,1.5e1,\"x\\u00e9\\n\"],\"a\":2} ");
+  const Json document = parseJson(
+      " {\"a\":1,\"b\":[true,null,-2,18446744073709551615,1.5e1,\"x\\u00e9\\n\"],\"a\":2} ");
   ASSERT_TRUE(document.is_object());
   EXPECT_EQ(document.size(), 2u);
   EXPECT_EQ(document["a"], 2);  // the last of repeated keys counts
