@@ -4,8 +4,9 @@
 #   1. a static build installed with `cmake --install` into a staging prefix;
 #      tests/consumer (find_package(telvo CONFIG)) is configured against it;
 #   2. a shared build (BUILD_SHARED_LIBS=ON): its exported symbols are
-#      compared with tests/abi/exported_symbols.txt, and `cpack` makes the
-#      Debian package, whose file list and Depends are checked;
+#      compared with tests/abi/exported_symbols.txt, its stripped size with
+#      the budget in tests/abi/size_budget.txt, and `cpack` makes the Debian
+#      package, whose file list and Depends are checked;
 #   3. examples/host.c is built with `pkg-config --cflags --libs telvo`
 #      against the unpacked package;
 #   4. both programs run against the packaged tool's collector, and the
@@ -65,6 +66,18 @@ if grep -vE '^(telvo::|telvo_|typeinfo for telvo::|typeinfo name for telvo::|vta
   die "the shared library exports symbols outside the telvo namespace"
 fi
 say "shared library: SONAME libtelvo.so.1, $(wc -l <"$work/exported.txt") exported symbols as listed"
+
+# The footprint: a stripped copy of the library against the budget. The
+# build's own strip, so that a cross build measures its own machine code.
+budget="$(grep -v '^#' tests/abi/size_budget.txt | tr -d '[:space:]' || true)"
+[[ "$budget" =~ ^[0-9]+$ ]] || die "tests/abi/size_budget.txt holds no byte count"
+strip_tool="$(sed -n 's/^CMAKE_STRIP:FILEPATH=//p' build-shared/CMakeCache.txt)"
+"${strip_tool:-strip}" --strip-unneeded -o "$work/libtelvo.stripped.so" "$lib"
+stripped="$(stat -c %s "$work/libtelvo.stripped.so")"
+say "libtelvo.so stripped: $stripped bytes (budget $budget)"
+[ "$stripped" -le "$budget" ] ||
+  die "the stripped libtelvo.so takes $stripped bytes, over the budget of $budget bytes \
+(tests/abi/size_budget.txt)"
 
 (cd build-shared && cpack -G DEB >/dev/null)
 deb="$(ls build-shared/telvo_*_*.deb | head -1)"

@@ -16,18 +16,22 @@ const char kDefaultUserIdHash[] = "517telvoUID517";
 
 // Identifies a value in error messages: its key and the section holding it.
 struct Origin {
-  const std::string& key;
-  const std::string& section;
+  std::string_view key;
+  std::string_view section;
 };
 
-[[noreturn]] void fail(const Origin& origin, const std::string& problem) {
-  throw UsageError("TelvoMasterConfig: \"" + origin.key + "\" in section \"" + origin.section +
-                   "\" " + problem);
+[[noreturn]] void fail(const Origin& origin, std::string_view problem) {
+  std::string message = "TelvoMasterConfig: \"";
+  message.append(origin.key).append("\" in section \"").append(origin.section).append("\" ");
+  message.append(problem);
+  throw UsageError(message);
 }
 
 [[noreturn]] void failType(const Origin& origin, const Json& value, const char* expected) {
-  fail(origin, std::string("is ") + (value.is_null() ? "null" : value.type_name()) + ", " +
-                   expected + " expected");
+  std::string problem = "is ";
+  problem.append(value.is_null() ? "null" : value.type_name()).append(", ").append(expected);
+  problem.append(" expected");
+  fail(origin, problem);
 }
 
 bool isWhiteSpace(char c) {
@@ -161,34 +165,51 @@ std::shared_ptr<TelvoMasterConfig> MasterConfigReader::read(
   return std::make_shared<TelvoMasterConfig>(std::move(config));
 }
 
-void MasterConfigReader::readDefaultSection(TelvoMasterConfig::Settings& config, const Json* section) {
-  const std::string sectionName = kDefaultSection;
+namespace {
+
+// The setting `key` of the default section, or null when it has none.
+const Json* defaultSetting(const Json* section, const char* key) {
+  if (!section) return nullptr;
+  auto it = section->find(key);
+  return it == section->end() ? nullptr : &*it;
+}
+
+void readIntegerSetting(const Json* section, const char* key, std::int64_t& field) {
+  if (const Json* value = defaultSetting(section, key)) {
+    field = readInteger(*value, Origin{key, kDefaultSection});
+  }
+}
+
+void readTextSetting(TelvoMasterConfig::Settings& config, const Json* section, const char* key,
+                     std::optional<std::string>& field) {
+  if (const Json* value = defaultSetting(section, key)) {
+    field = readText(*value, Origin{key, kDefaultSection});
+    markNull(config, key, *value);
+  }
+}
+
+}  // namespace
+
+void MasterConfigReader::readDefaultSection(TelvoMasterConfig::Settings& config,
+                                            const Json* section) {
   // Each setting is read in its turn, so the first bad value is the one reported.
-  auto each = [&](const char* key, auto&& store) {
-    if (!section) return;
-    auto it = section->find(key);
-    if (it == section->end()) return;
-    const std::string keyName = key;
-    store(*it, Origin{keyName, sectionName});
-  };
   auto integer = [&](const char* key, std::int64_t& field) {
-    each(key, [&](const Json& v, const Origin& o) { field = readInteger(v, o); });
+    readIntegerSetting(section, key, field);
   };
   auto text = [&](const char* key, std::optional<std::string>& field) {
-    each(key, [&](const Json& v, const Origin& o) {
-      field = readText(v, o);
-      markNull(config, key, v);
-    });
+    readTextSetting(config, section, key, field);
   };
 
   // Only the exact word selects timer batching; anything else, or nothing, counts.
   config.batchMode = 1;
-  each("batchMode", [&](const Json& v, const Origin& o) {
-    config.batchMode = requireText(v, o) == "timer" ? 0 : 1;
-  });
+  if (const Json* value = defaultSetting(section, "batchMode")) {
+    config.batchMode = requireText(*value, Origin{"batchMode", kDefaultSection}) == "timer" ? 0 : 1;
+  }
   integer("batchModeAmount", config.batchAmount);
   text("servicesUrl", config.servicesUrl);
-  each("enabled", [&](const Json& v, const Origin& o) { config.enabled = readTruth(v, o); });
+  if (const Json* value = defaultSetting(section, "enabled")) {
+    config.enabled = readTruth(*value, Origin{"enabled", kDefaultSection});
+  }
   text("batchApi", config.batchApi);
   text("helloApi", config.helloApi);
   text("batchContentEncoding", config.batchContentEncoding);
@@ -204,17 +225,15 @@ void MasterConfigReader::readDefaultSection(TelvoMasterConfig::Settings& config,
   // Any text that mentions "false" (in any case) disables the identifier;
   // every other text, including "no" and "", leaves it on.
   config.telvoUserIdEnabled = true;
-  each("telvoUserIdEnabled", [&](const Json& v, const Origin& o) {
-    config.telvoUserIdEnabled = toLower(requireText(v, o)).find("false") == std::string::npos;
-  });
+  if (const Json* value = defaultSetting(section, "telvoUserIdEnabled")) {
+    const Origin origin{"telvoUserIdEnabled", kDefaultSection};
+    config.telvoUserIdEnabled =
+        toLower(requireText(*value, origin)).find("false") == std::string::npos;
+  }
 
-  bool hashGiven = false;
-  each("telvoUserIdHash", [&](const Json& v, const Origin& o) {
-    config.telvoUserIdHash = readText(v, o);
-    markNull(config, "telvoUserIdHash", v);
-    hashGiven = true;
-  });
-  if (config.telvoUserIdEnabled && !hashGiven) config.telvoUserIdHash = kDefaultUserIdHash;
+  const Json* hash = defaultSetting(section, "telvoUserIdHash");
+  readTextSetting(config, section, "telvoUserIdHash", config.telvoUserIdHash);
+  if (config.telvoUserIdEnabled && !hash) config.telvoUserIdHash = kDefaultUserIdHash;
 }
 
 void MasterConfigReader::setValueForKey(TelvoMasterConfig::Settings& config, const std::string& name,

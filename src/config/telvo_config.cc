@@ -6,6 +6,7 @@
 
 #include "config/event_names.h"
 #include "encoding/json_text.h"
+#include "encoding/utf8.h"
 #include "telvo/device.h"
 #include "telvo/log.h"
 
@@ -114,38 +115,50 @@ std::shared_ptr<TelvoConfig> TelvoConfig::telvoConfigWithDictionary(const Json& 
 std::string TelvoConfig::description() const {
   char identity[32];
   std::snprintf(identity, sizeof identity, "%p", static_cast<const void*>(this));
-  return std::string("TelvoConfig: ") + identity + "\nSite: " + shown(*this, "site", _site) +
-         "\nConfig Base URL: " + shown(*this, "configBaseUrl", _configBaseUrl) +
-         "\nApp Name: " + shown(*this, "appName", _appName) +
-         "\nApp Version: " + shown(*this, "appVersion", _appVersion) +
-         "\nPlatform: " + shown(*this, "platform", _platform) +
-         "\nPlatform Version:" + shown(*this, "platformVersion", _platformVersion);
+  std::string out = "TelvoConfig: ";
+  out += identity;
+  // One append each rather than a chain of temporaries.
+  auto line = [&](const char* label, const char* property,
+                  const std::optional<std::string>& value) {
+    out += label;
+    out += shown(*this, property, value);
+  };
+  line("\nSite: ", "site", _site);
+  line("\nConfig Base URL: ", "configBaseUrl", _configBaseUrl);
+  line("\nApp Name: ", "appName", _appName);
+  line("\nApp Version: ", "appVersion", _appVersion);
+  line("\nPlatform: ", "platform", _platform);
+  line("\nPlatform Version:", "platformVersion", _platformVersion);
+  return out;
 }
 
 std::optional<std::string> TelvoConfig::JSONString() const {
-  // Insertion order keeps the output readable; readers must not rely on it.
-  nlohmann::ordered_json identity = nlohmann::ordered_json::object();
+  // A fixed order keeps the output readable; readers must not rely on it.
   const std::pair<const char*, const std::optional<std::string>*> fields[] = {
       {"site", &_site},         {"configBaseUrl", &_configBaseUrl},
       {"appName", &_appName},   {"appVersion", &_appVersion},
       {"platform", &_platform}, {"platformVersion", &_platformVersion},
   };
+  bool writable = true;
+  std::string text = "{";
   for (const auto& [key, value] : fields) {
+    if (text.size() > 1) text += ',';
+    encoding::appendJsonString(text, key);
+    text += ':';
     if (!*value && holdsNull(key)) {
-      identity[key] = nullptr;
+      text += "null";
       continue;
     }
     if (!*value) {
       throw UsageError(std::string("TelvoConfig::JSONString: \"") + key + "\" is unset");
     }
-    identity[key] = **value;
-  }
-  try {
-    return identity.dump();
-  } catch (const nlohmann::json::exception&) {
     // Text that is not valid UTF-8 cannot be written as JSON.
-    return std::nullopt;
+    writable = writable && utf8::isValid(**value);
+    encoding::appendJsonString(text, **value);
   }
+  if (!writable) return std::nullopt;
+  text += '}';
+  return text;
 }
 
 }  // namespace telvo

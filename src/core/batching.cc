@@ -8,6 +8,7 @@
 #include "core/shutdown.h"
 #include "core/telvo_impl.h"
 #include "delivery/batch_payload.h"
+#include "delivery/flush_order.h"
 #include "delivery/flush_rules.h"
 #include "telvo/log.h"
 
@@ -91,14 +92,7 @@ void Telvo::Impl::flushNow() {
   std::deque<delivery::QueuedEvent> events = queue.takeAll();
   if (events.empty()) return;
   queuedBytes.fetch_sub(static_cast<std::int64_t>(core::EventQueue::bytes(events)));
-  // Capture stamps events in order, so the queue is nearly always sorted
-  // already; a check is far cheaper than a merge sort's moves.
-  auto earlier = [](const delivery::QueuedEvent& a, const delivery::QueuedEvent& b) {
-    return a.timestamp() < b.timestamp();
-  };
-  if (!std::is_sorted(events.begin(), events.end(), earlier)) {
-    std::stable_sort(events.begin(), events.end(), earlier);
-  }
+  delivery::sortByTimestamp(events);
 
   const Snapshot current = snapshot();
   std::optional<std::string> servicesUrl, batchApi;

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "encoding/cookie_rules.h"
+#include "encoding/key_order.h"
 #include "telvo/clock.h"
 #include "telvo/http_cookie.h"
 
@@ -14,16 +15,15 @@ using encoding::lowercase;
 using encoding::pathMatches;
 
 struct TELVO_LOCAL HTTPCookieStorage::State {
+  // Oldest first: a cookie that replaces its namesake goes to the end.
   struct Stored {
     HTTPCookie cookie;
-    std::uint64_t order;
   };
   explicit State(std::shared_ptr<Clock> clock) : clock(std::move(clock)) {}
   const std::shared_ptr<Clock> clock;
   std::atomic<int> policy{static_cast<int>(HTTPCookieAcceptPolicy::OnlyFromMainDocumentDomain)};
   std::mutex mutex;
   std::vector<Stored> cookies;  // guarded by mutex
-  std::uint64_t nextOrder = 0;  // guarded by mutex
 };
 
 HTTPCookieStorage::HTTPCookieStorage(std::shared_ptr<Clock> clock)
@@ -65,7 +65,7 @@ void HTTPCookieStorage::setCookies(const std::vector<HTTPCookie>& cookies, const
                    cookies_.end());
     auto expires = cookie.expiresDate();
     if (expires && *expires <= now) continue;
-    cookies_.push_back(Stored{cookie, state_->nextOrder++});
+    cookies_.push_back(Stored{cookie});
   }
 }
 
@@ -91,15 +91,17 @@ std::vector<HTTPCookie> HTTPCookieStorage::cookiesForURL(const URL& url) const {
       }
     }
   }
-  std::stable_sort(matching.begin(), matching.end(), [](const Stored& a, const Stored& b) {
-    if (a.cookie.path().size() != b.cookie.path().size()) {
-      return a.cookie.path().size() > b.cookie.path().size();
-    }
-    return a.order < b.order;
-  });
+  // Longer paths first; cookies of equal path lengths oldest first, as they
+  // are stored.
+  std::vector<encoding::KeyAndPlace> order;
+  order.reserve(matching.size());
+  for (std::size_t i = 0; i < matching.size(); ++i) {
+    order.emplace_back(-static_cast<double>(matching[i].cookie.path().size()), i);
+  }
+  encoding::sortByKey(order);
   std::vector<HTTPCookie> result;
   result.reserve(matching.size());
-  for (auto& stored : matching) result.push_back(std::move(stored.cookie));
+  for (const auto& key : order) result.push_back(std::move(matching[key.second].cookie));
   return result;
 }
 

@@ -11,6 +11,9 @@
 namespace telvo {
 namespace encoding {
 
+// What the envelope's plain text begins with, before the JSON.
+inline constexpr std::string_view kParameterPrefix = "telvoJson=";
+
 // A POST of `json` in the envelope to `address` ("http://" upgraded to
 // "https://"). The body is absent where the envelope cannot be built.
 URLRequest envelopeRequest(const std::string& address, std::string_view json);

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "encoding/utf8.h"
 
@@ -42,13 +44,90 @@ bool withinJsonDepth(std::string_view text, std::size_t maxDepth) {
   return true;
 }
 
-Json parseJson(std::string_view text) {
-  if (!withinJsonDepth(text)) return Json(Json::value_t::discarded);
-  try {
-    return Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
-  } catch (const std::exception&) {  // out of memory
+namespace {
+
+// Builds the document from the parser's events, as Json::parse does, but
+// without its callback variant: the one handler the library parses with.
+class DocumentBuilder {
+ public:
+  DocumentBuilder(Json& root, std::string* error) : root_(root), error_(error) {}
+
+  bool null() { return put(Json(nullptr)); }
+  bool boolean(bool value) { return put(Json(value)); }
+  bool number_integer(Json::number_integer_t value) { return put(Json(value)); }
+  bool number_unsigned(Json::number_unsigned_t value) { return put(Json(value)); }
+  bool number_float(Json::number_float_t value, const Json::string_t&) { return put(Json(value)); }
+  bool string(Json::string_t& value) { return put(Json(std::move(value))); }
+  bool binary(Json::binary_t& value) { return put(Json::binary(std::move(value))); }
+  bool start_object(std::size_t) {
+    open_.push_back(place(Json(Json::value_t::object)));
+    return true;
+  }
+  bool key(Json::string_t& name) {
+    member_ = &(*open_.back()->get_ptr<Json::object_t*>())[std::move(name)];
+    return true;
+  }
+  bool end_object() {
+    open_.pop_back();
+    return true;
+  }
+  bool start_array(std::size_t) {
+    open_.push_back(place(Json(Json::value_t::array)));
+    return true;
+  }
+  bool end_array() {
+    open_.pop_back();
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const Json::exception& failure) {
+    if (error_) *error_ = failure.what();
+    return false;
+  }
+
+ private:
+  bool put(Json&& value) {
+    place(std::move(value));
+    return true;
+  }
+  // Where the next value goes: the root, the open array's end, or the
+  // member whose key came last.
+  Json* place(Json&& value) {
+    if (open_.empty()) {
+      root_ = std::move(value);
+      return &root_;
+    }
+    if (auto* array = open_.back()->get_ptr<Json::array_t*>()) {
+      array->push_back(std::move(value));
+      return &array->back();
+    }
+    *member_ = std::move(value);
+    return member_;
+  }
+
+  Json& root_;
+  std::string* error_;
+  std::vector<Json*> open_;  // the arrays and objects not closed yet
+  Json* member_ = nullptr;
+};
+
+}  // namespace
+
+Json parseJson(std::string_view text, std::string* error) {
+  if (!withinJsonDepth(text)) {
+    if (error) {
+      *error =
+          "the text nests arrays and objects more than " + std::to_string(kMaxJsonDepth) + " deep";
+    }
     return Json(Json::value_t::discarded);
   }
+  try {
+    Json document;
+    DocumentBuilder builder(document, error);
+    if (Json::sax_parse(text.data(), text.data() + text.size(), &builder)) return document;
+  } catch (const std::exception& e) {  // out of memory
+    if (error) *error = e.what();
+  }
+  return Json(Json::value_t::discarded);
 }
 
 std::string dumpJson(const Json& value) {

@@ -24,8 +24,10 @@ inline constexpr std::size_t kMaxJsonDepth = 128;
 bool withinJsonDepth(std::string_view text, std::size_t maxDepth = kMaxJsonDepth);
 
 // `text` parsed, or a discarded value (is_discarded()) where it is not JSON
-// or nests deeper than kMaxJsonDepth. Never throws.
-Json parseJson(std::string_view text);
+// or nests deeper than kMaxJsonDepth; `error`, when given, then receives why
+// in the parser's words. Never throws. Every JSON text the library reads
+// goes through here, so that the parser is compiled once.
+Json parseJson(std::string_view text, std::string* error = nullptr);
 
 // Compact JSON. Invalid UTF-8 in strings becomes U+FFFD instead of throwing;
 // non-finite numbers become null.

@@ -284,7 +284,7 @@ bool FileUserDefaults::synchronize() {
       if (!state_->dirty) return true;
       if (state_->path.empty()) return false;
       // Invalid UTF-8 in a string value is replaced rather than thrown.
-      text = state_->values.dump(-1, ' ', false, Json::error_handler_t::replace);
+      text = encoding::dumpJson(state_->values);
       generation = state_->generation;
     }
     std::string failure;

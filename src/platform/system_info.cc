@@ -4,9 +4,10 @@
 
 #include <array>
 #include <cstdint>
-#include <fstream>
+#include <cstdio>
+#include <optional>
 #include <random>
-#include <sstream>
+#include <string_view>
 
 namespace telvo {
 namespace system_info {
@@ -23,29 +24,46 @@ std::string leadingDottedNumbers(const std::string& text) {
 }
 
 std::string versionFromOsRelease(const std::string& text) {
-  std::istringstream lines(text);
-  std::string line;
-  while (std::getline(lines, line)) {
-    static const std::string kKey = "VERSION_ID=";
+  static const std::string_view kKey = "VERSION_ID=";
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const auto newline = rest.find('\n');
+    const std::string_view line = rest.substr(0, newline);
+    rest = newline == std::string_view::npos ? std::string_view() : rest.substr(newline + 1);
     if (line.compare(0, kKey.size(), kKey) != 0) continue;
-    std::string value = line.substr(kKey.size());
-    while (!value.empty() && (value.back() == '\r' || value.back() == ' ')) value.pop_back();
+    std::string_view value = line.substr(kKey.size());
+    while (!value.empty() && (value.back() == '\r' || value.back() == ' ')) value.remove_suffix(1);
     if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
         value.back() == value.front()) {
       value = value.substr(1, value.size() - 2);
     }
-    return leadingDottedNumbers(value);
+    return leadingDottedNumbers(std::string(value));
   }
   return {};
 }
 
+namespace {
+
+// The whole of a file, or nothing when it cannot be opened (what cannot be
+// read of an opened one is left out).
+std::optional<std::string> readFile(const char* path) {
+  std::FILE* file = std::fopen(path, "re");
+  if (!file) return std::nullopt;
+  std::string text;
+  char buffer[4096];
+  std::size_t length;
+  while ((length = std::fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, length);
+  std::fclose(file);
+  return text;
+}
+
+}  // namespace
+
 std::string systemVersion() {
   for (const char* file : {"/etc/os-release", "/usr/lib/os-release"}) {
-    std::ifstream in(file);
-    if (!in) continue;
-    std::stringstream text;
-    text << in.rdbuf();
-    std::string version = versionFromOsRelease(text.str());
+    const auto text = readFile(file);
+    if (!text) continue;
+    std::string version = versionFromOsRelease(*text);
     if (!version.empty()) return version;
     break;  // the first file that exists is the one that counts
   }

@@ -149,8 +149,23 @@ TEST_F(TelvoConfigTest, ConstructorDescriptionAndJSON) {
                                       {"appVersion", "3.0"},
                                       {"platform", "Linux"},
                                       {"platformVersion", "6.1"}}));
+  // One line, the fields in a fixed order, escaped as the JSON writer escapes.
+  EXPECT_EQ(*text, R"({"site":"news","configBaseUrl":"https://b/","appName":"Reader \"beta\"",)"
+                   R"("appVersion":"3.0","platform":"Linux","platformVersion":"6.1"})");
+  config.setPlatform(std::string("TV\x7f\t\xC3\xA9\x01"));
+  EXPECT_EQ(Json::parse(*config.JSONString())["platform"], "TV\x7f\t\xC3\xA9\x01");
+  EXPECT_NE(config.JSONString()->find(R"("platform":"TV)"
+                                      "\x7f"
+                                      R"(\t)"
+                                      "\xC3\xA9"
+                                      R"(\u0001")"),
+            std::string::npos)
+      << *config.JSONString();
   config.setAppVersion(std::string("\xff\xfe"));
   EXPECT_FALSE(config.JSONString().has_value());  // not UTF-8
+  // An unset field is the host's mistake, whatever the other fields hold.
+  config.setPlatformVersion(std::nullopt);
+  EXPECT_THROW(config.JSONString(), UsageError);
 }
 
 TEST(TelvoConfigGlobals, HaveTheirPublishedValues) {

@@ -11,6 +11,7 @@
 
 #include "delivery/batch_payload.h"
 #include "delivery/error_post.h"
+#include "delivery/flush_order.h"
 #include "delivery/flush_rules.h"
 #include "telvo/envelope.h"
 
@@ -151,6 +152,41 @@ TEST(FlushRules, WhatOneCapturedEventTriggers) {
     }
     EXPECT_EQ(decision.onCount, c.counted && c.flushes == 1);
   }
+}
+
+TEST(FlushRules, EventsLeaveInTimestampOrderTiesInQueueOrder) {
+  auto at = [](std::string_view name, double timestamp) {
+    return *QueuedEvent::make(name, "{}", true, timestamp, nullptr);
+  };
+  auto names = [](const std::deque<QueuedEvent>& events) {
+    std::string text;
+    for (const auto& event : events) text.append(event.name()).append(" ");
+    return text;
+  };
+  std::deque<QueuedEvent> events;
+  for (const auto& [name, timestamp] : std::initializer_list<std::pair<const char*, double>>{
+           {"c", 30}, {"a1", 10}, {"d", 40}, {"a2", 10}, {"b", 20}, {"a3", 10}, {"e", -5}}) {
+    events.push_back(at(name, timestamp));
+  }
+  delivery::sortByTimestamp(events);
+  EXPECT_EQ(names(events), "e a1 a2 a3 b c d ");
+  delivery::sortByTimestamp(events);  // already in order: left as it is
+  EXPECT_EQ(names(events), "e a1 a2 a3 b c d ");
+  EXPECT_EQ(events[1].data(), "{}");
+
+  // A long run out of order: equal timestamps keep their queue order.
+  std::deque<QueuedEvent> many;
+  for (int i = 0; i < 5000; ++i) many.push_back(at(std::to_string(i), (i * 7919) % 97));
+  delivery::sortByTimestamp(many);
+  for (std::size_t i = 1; i < many.size(); ++i) {
+    ASSERT_LE(many[i - 1].timestamp(), many[i].timestamp());
+    if (many[i - 1].timestamp() == many[i].timestamp()) {
+      ASSERT_LT(std::stoi(std::string(many[i - 1].name())), std::stoi(std::string(many[i].name())));
+    }
+  }
+  std::deque<QueuedEvent> none;
+  delivery::sortByTimestamp(none);
+  EXPECT_TRUE(none.empty());
 }
 
 }  // namespace

@@ -89,6 +89,15 @@ TEST(EnvelopeDecode, NamesTheLayerThatFailed) {
     EXPECT_EQ(result.message.rfind(c.layer + ":", 0), 0u) << result.message;
     EXPECT_EQ(result.message.find('\n'), std::string::npos) << result.message;
   }
+  // A document that does not parse is named by the parser's own words.
+  EXPECT_EQ(decodeTelvoJsonParameter(wrap("telvoJson={\"a\":")).message,
+            "json: the text after \"telvoJson=\" does not parse: [json.exception.parse_error.101] "
+            "parse error at line 1, column 6: syntax error while parsing value - unexpected end "
+            "of input; expected '[', '{', or a literal");
+  EXPECT_EQ(decodeTelvoJsonParameter(wrap("telvoJson={} x")).message,
+            "json: the text after \"telvoJson=\" does not parse: [json.exception.parse_error.101] "
+            "parse error at line 1, column 4: syntax error while parsing value - invalid literal; "
+            "last read: '{} x'; expected end of input");
 }
 
 TEST(EnvelopeDecode, RefusesBombsAndDeepDocuments) {

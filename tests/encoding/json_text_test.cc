@@ -81,5 +81,35 @@ TEST(JsonText, StringsAreWrittenAsTheJsonWriterWritesThem) {
   }
 }
 
+TEST(JsonText, ParseReadsJsonAndRefusesEverythingElse) {
+  const Json document = parseJson(
+      " {\"a\":1,\"b\":[true,null,-2,18446744073709551615,1.5e1,\"x\\u00e9\\n\"],\"a\":2} ");
+  ASSERT_TRUE(document.is_object());
+  EXPECT_EQ(document.size(), 2u);
+  EXPECT_EQ(document["a"], 2);  // the last of repeated keys counts
+  const Json& list = document["b"];
+  ASSERT_EQ(list.size(), 6u);
+  EXPECT_EQ(list[0], true);
+  EXPECT_TRUE(list[1].is_null());
+  EXPECT_TRUE(list[2].is_number_integer());
+  EXPECT_EQ(list[2].get<std::int64_t>(), -2);
+  EXPECT_TRUE(list[3].is_number_unsigned());
+  EXPECT_EQ(list[3].get<std::uint64_t>(), 18446744073709551615ULL);
+  EXPECT_TRUE(list[4].is_number_float());
+  EXPECT_EQ(list[4].get<double>(), 15.0);
+  EXPECT_EQ(list[5], "x\xC3\xA9\n");
+  EXPECT_EQ(parseJson("3"), 3);
+  EXPECT_EQ(parseJson("\"s\""), "s");
+  EXPECT_EQ(parseJson("[]"), Json::array());
+  EXPECT_EQ(parseJson("{\"o\":{}}"), (Json{{"o", Json::object()}}));
+
+  for (const char* bad : {"", " ", "{", "[1,]", "1 2", "{\"a\":1}x", "nul", "\"\xFF\"", "{1:2}",
+                          "[\"\\ud800\"]", "01", "\"\n\""}) {
+    EXPECT_TRUE(parseJson(bad).is_discarded()) << bad;
+  }
+  EXPECT_TRUE(parseJson(std::string(128, '[') + std::string(128, ']')).is_array());
+  EXPECT_TRUE(parseJson(std::string(129, '[') + std::string(129, ']')).is_discarded());
+}
+
 }  // namespace
 }  // namespace telvo

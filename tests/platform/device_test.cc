@@ -83,6 +83,9 @@ TEST(SystemInfo, VersionTextFromOsReleaseAndKernel) {
   EXPECT_EQ(versionFromOsRelease("VERSION_ID='3.19.1'"), "3.19.1");
   EXPECT_EQ(versionFromOsRelease("PRETTY_VERSION_ID=1\nNAME=Arch\n"), "");
   EXPECT_EQ(versionFromOsRelease("VERSION_ID=rolling"), "");
+  EXPECT_EQ(versionFromOsRelease("\n\nID=x\r\n\nVERSION_ID=\"7.4.1 \" \r\nVERSION_ID=8"), "7.4.1");
+  EXPECT_EQ(versionFromOsRelease("ID=x\nVERSION_ID=5"), "5");
+  EXPECT_EQ(versionFromOsRelease(""), "");
   EXPECT_EQ(leadingDottedNumbers("6.1.0-18-amd64"), "6.1.0");
   EXPECT_EQ(leadingDottedNumbers("5.15.0."), "5.15.0");
   EXPECT_EQ(leadingDottedNumbers(".5"), "");
