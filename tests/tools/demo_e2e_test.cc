@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <set>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -252,6 +253,52 @@ TEST_F(DemoEndToEndTest, SendWithRetryWaitsForTheServiceToComeUp) {
   std::set<std::string> types;
   for (const Json& row : rows["events"]) types.insert(row["eventType"].get<std::string>());
   EXPECT_EQ(types, (std::set<std::string>{"boot", "menu"}));
+}
+
+// The spool through a crash: `telvo send --retry --spool` is killed (-9) at
+// a random moment more than a second after it took its events, while the
+// service is down; a later run delivers every one of them, once.
+TEST_F(DemoEndToEndTest, SpooledEventsSurviveAKillAndGoOutWithTheNextRun) {
+  start({});
+  const int port = collector_.port();
+  const std::string base = configBase();
+  ASSERT_EQ(collector_.stop(), 0);
+  std::mt19937 random(20261123);
+  const int rounds = 3;
+  for (int round = 0; round < rounds; ++round) {
+    const std::string spool = dir_.file("spool");
+    std::vector<std::string> args{"send",          "--config-base", base,       "--app",
+                                  "Player",        "--site",        "lab",      "--app-version",
+                                  "2.0",           "--platform",    "linux",    "--property",
+                                  "cli",           "--environment", "count",    "--cacert",
+                                  collector_.certificatePath(),     "--timeout", "60",
+                                  "--retry",       "--spool",       spool};
+    for (int i = 0; i < 3; ++i) {
+      args.push_back("--event");
+      args.push_back("r" + std::to_string(round) + "e" + std::to_string(i));
+    }
+    const int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    const pid_t sender = testing::spawnProgram(TELVO_TOOL_PATH, args, devNull, devNull, env_);
+    close(devNull);
+    ASSERT_GT(sender, 0);
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(std::uniform_int_distribution<int>(1300, 2500)(random)));
+    kill(sender, SIGKILL);
+    waitpid(sender, nullptr, 0);
+  }
+  ASSERT_TRUE(collector_.start(dir_.file("data"), {}, port));
+  auto drained = send(base, "Player", {"--retry", "--spool", dir_.file("spool")}, "30");
+  EXPECT_EQ(drained.status, 0) << drained.err;
+  EXPECT_NE(drained.out.find("9 from the spool"), std::string::npos) << drained.out;
+  const Json rows = stored();
+  std::multiset<std::string> types;
+  for (const Json& row : rows["events"]) types.insert(row["eventType"].get<std::string>());
+  EXPECT_EQ(types.size(), 9u) << rows.dump();
+  for (int round = 0; round < rounds; ++round) {
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(types.count("r" + std::to_string(round) + "e" + std::to_string(i)), 1u);
+    }
+  }
 }
 
 }  // namespace
