@@ -54,7 +54,9 @@ constexpr std::uint8_t kAckFrame = 2;
 constexpr std::size_t kRangesPerFrame = 128;
 constexpr std::uint64_t kMaxAckFrame = kHeaderBytes + 16 * kRangesPerFrame;
 constexpr std::uint64_t kMinAckLogBytes = 2 * kHeaderBytes + 16;  // a range and a reservation
-constexpr std::uint64_t kMaxSequence = std::uint64_t{1} << 62;    // above: corrupt
+// Sequences and segment numbers go up to 2^62; above, a frame is corrupt. (A
+// file claiming the last of them leaves a spool that refuses appends.)
+constexpr std::uint64_t kMaxSequence = std::uint64_t{1} << 62;
 constexpr std::uint64_t kSequenceBlock = 1 << 16;
 constexpr std::size_t kWindowBytes = 64 << 10;
 constexpr std::size_t kBookkeepingBytes = 1024;
@@ -231,7 +233,6 @@ std::string segmentName(std::uint64_t id) {
   return name;
 }
 
-// Segment numbers run from 1 to 2^62.
 bool parseSegmentName(std::string_view name, std::uint64_t* id) {
   if (name.size() != 20 || name.substr(16) != ".seg") return false;
   std::uint64_t value = 0;
@@ -358,7 +359,8 @@ class FileSpool final : public Spool {
     int fd = -1;
     std::uint64_t fdSegment = 0;
     std::string frame;
-    for (auto it = lowerBound(after + 1); it != entries_.end() && out.size() < maxRecords; ++it) {
+    auto it = after == UINT64_MAX ? entries_.end() : lowerBound(after + 1);
+    for (; it != entries_.end() && out.size() < maxRecords; ++it) {
       const std::size_t size = it->bytes - kHeaderBytes;
       if (!out.empty() && bytes + size > maxBytes) break;
       if (fd < 0 || fdSegment != it->segment) {
