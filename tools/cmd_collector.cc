@@ -1,6 +1,7 @@
 // `telvo collector [--host ADDR] [--port N] [--data DIR] [--cert FILE --key FILE]
 //   [--config-dir DIR] [--throttle] [--clock-skew MS] [--callback NAME]
-//   [--set-cookie TEXT] [--max-body BYTES] [--quiet]`:
+//   [--set-cookie TEXT] [--max-body BYTES] [--max-inflated BYTES] [--max-depth N]
+//   [--max-members N] [--max-problems N] [--max-session-id BYTES] [--quiet]`:
 // a local stand-in for the analytics service and the configuration location,
 // over HTTPS on 127.0.0.1, storing everything it receives in
 // <data>/collector.db, with an inspector page at https://127.0.0.1:<port>/
@@ -44,7 +45,7 @@ struct CollectorCommandOptions {
   std::string callback;
   std::string setCookie;
   std::size_t maxBody = 8 * 1024 * 1024;
-  std::size_t maxInflated = kDefaultMaxInflatedBytes;
+  CheckLimits check;
   bool quiet = false;
 };
 
@@ -132,7 +133,7 @@ int runCollector(const CollectorCommandOptions& options) {
   server.throttle = options.throttle;
   server.clockSkewMs = options.clockSkewMs;
   server.maxBodyBytes = options.maxBody;
-  server.maxInflatedBytes = options.maxInflated;
+  server.check = options.check;
   server.logRequests = !options.quiet;
   if (!options.callback.empty()) server.callback = options.callback;
   if (!options.setCookie.empty()) server.setCookie = options.setCookie;
@@ -237,11 +238,28 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
   cmd->add_option("--max-body", o->maxBody, "Largest request body accepted, in bytes")
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
-  cmd->add_option("--max-inflated", o->maxInflated,
+  cmd->add_option("--max-inflated", o->check.envelope.maxInflatedBytes,
                   "Largest text a request body may inflate to, in bytes (beyond it the post "
                   "is refused as a problem)")
       ->capture_default_str()
-      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  cmd->add_option("--max-depth", o->check.envelope.json.maxDepth,
+                  "Deepest nesting of arrays and objects a posted document may have")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000}));
+  cmd->add_option("--max-members", o->check.envelope.json.maxMembers,
+                  "Most elements of one array, or members of one object, in a posted document")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  cmd->add_option("--max-problems", o->check.maxProblems,
+                  "Problem lines kept for one post (one more line counts the rest)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000}));
+  cmd->add_option("--max-session-id", o->check.maxSessionIdLength,
+                  "Longest session id stored with a post's events, in bytes (a longer one, "
+                  "never handed out, is stored cut)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{36}, std::size_t{1} << 20));
   cmd->add_flag("--quiet", o->quiet, "No line per request on standard error");
   return Command{cmd, [o] { return runCollector(*o); }};
 });

@@ -316,26 +316,33 @@ void CollectorServer::handlePost(PostKind kind, const httplib::Request& req,
   headers.contentType = header(req, "Content-Type");
   headers.contentEncoding = header(req, kReceivedEncodingHeader);
   headers.cookie = header(req, "Cookie");
-  CheckedPost checked =
-      PostChecker::check(kind, headers, req.body, received,
-                         [this](const std::string& id) { return store_.hasSession(id); },
-                         options_.maxInflatedBytes);
+  CheckedPost checked = PostChecker::check(
+      kind, headers, req.body, [this](const std::string& id) { return store_.hasSession(id); },
+      options_.check);
 
   RequestRecord record;
+  record.receivedMs = received;
+  record.text = checked.text;
   Json answer = Json{{"status", "ok"}};
   if (kind == PostKind::kHello && checked.decoded) {
     SessionRow session = std::move(checked.hello);
     session.id = newSessionId();
+    session.receivedMs = received;
     session.serviceMs = received + options_.clockSkewMs;
     session.throttled = options_.throttle;
     answer = Json{{"sessionId", session.id},
                   {"timestamp", session.serviceMs},
                   {"throttled", session.throttled}};
     record.session = std::move(session);
+    record.helloJson = checked.document;
   }
+  record.sessionId = std::move(checked.sessionId);
   record.events = std::move(checked.events);
-  if (!checked.problems.empty()) record.body = req.body;
   record.error = std::move(checked.error);
+  if (!checked.problems.empty()) {
+    record.body = req.body;
+    record.bodyLength = req.body.size();
+  }
   for (const std::string& problem : checked.problems) {
     record.problems.push_back(ProblemRow{0, received, req.method, req.path, problem,
                                          PostChecker::layerOf(problem), std::nullopt});
@@ -395,9 +402,11 @@ void CollectorServer::handleError(const httplib::Request& req, httplib::Response
 void CollectorServer::recordProblem(const httplib::Request& req, const std::string& description) {
   log("problem: " + req.method + " " + req.path + ": " + description);
   RequestRecord record;
-  record.problems.push_back(
-      ProblemRow{0, nowMs(), req.method, req.path, description, "request", std::nullopt});
+  record.receivedMs = nowMs();
+  record.problems.push_back(ProblemRow{0, record.receivedMs, req.method, req.path, description,
+                                       "request", std::nullopt});
   record.body = req.body;
+  record.bodyLength = req.body.size();
   std::string error;
   if (!store_.record(record, &error)) log("cannot store a problem: " + error);
 }

@@ -54,8 +54,9 @@ struct CollectorOptions {
   std::optional<std::string> callback;   // wraps the hello answer as NAME( ... );
   std::optional<std::string> setCookie;  // Set-Cookie header of the hello answer
   std::size_t maxBodyBytes = 8 * 1024 * 1024;
-  // A post whose text inflates to more than this is refused as a problem.
-  std::size_t maxInflatedBytes = kDefaultMaxInflatedBytes;
+  // How a post's envelope and document are read (a post beyond them is
+  // refused as a problem), and how many problem lines one post keeps.
+  CheckLimits check;
   bool logRequests = true;  // one line per request on standard error
 };
 

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 namespace telvo::tool {
@@ -81,6 +82,14 @@ class Statement {
 
 void bindText(sqlite3_stmt* stmt, int index, const std::string& value) {
   sqlite3_bind_text(stmt, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+}
+
+// Binds text that stays in place until the statement has run (the write
+// path's texts, which can be large): SQLite does not copy it.
+void bindView(sqlite3_stmt* stmt, int index, std::string_view value) {
+  // A null pointer would bind NULL, not an empty text.
+  sqlite3_bind_text64(stmt, index, value.data() ? value.data() : "", value.size(), SQLITE_STATIC,
+                      SQLITE_UTF8);
 }
 
 void bindText(sqlite3_stmt* stmt, int index, const std::optional<std::string>& value) {
@@ -261,33 +270,33 @@ bool CollectorStore::insertRows(const RequestRecord& rows, std::string* error) {
     bindText(stmt, 12, s.deviceModel);
     bindText(stmt, 13, s.uuidToken);
     bindText(stmt, 14, s.cookie);
-    bindText(stmt, 15, s.helloJson);
+    bindView(stmt, 15, rows.helloJson);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
-  for (const EventRow& e : rows.events) {
+  for (const NewEvent& e : rows.events) {
     sqlite3_stmt* stmt = insertEvent_;
-    bindText(stmt, 1, e.sessionId);
-    bindText(stmt, 2, e.type);
-    bindText(stmt, 3, e.dataJson);
+    bindView(stmt, 1, rows.sessionId);
+    bindView(stmt, 2, e.type);
+    bindView(stmt, 3, e.dataJson);
     bindInt(stmt, 4, e.eventMs);
-    sqlite3_bind_int64(stmt, 5, e.receivedMs);
+    sqlite3_bind_int64(stmt, 5, rows.receivedMs);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
   if (rows.error) {
-    const ErrorRow& e = *rows.error;
+    const NewError& e = *rows.error;
     sqlite3_stmt* stmt = insertError_;
-    bindText(stmt, 1, e.sessionId);
+    bindView(stmt, 1, rows.sessionId);
     bindText(stmt, 2, e.application);
-    bindText(stmt, 3, e.errorCodeJson);
+    bindView(stmt, 3, e.errorCodeJson);
     bindInt(stmt, 4, e.errorMs);
-    bindText(stmt, 5, e.dataJson);
-    sqlite3_bind_int64(stmt, 6, e.receivedMs);
+    bindView(stmt, 5, e.dataJson);
+    sqlite3_bind_int64(stmt, 6, rows.receivedMs);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
   std::optional<std::int64_t> bodyId;
   if (!rows.problems.empty()) {
-    sqlite3_bind_blob(insertBody_, 1, rows.body.data(), static_cast<int>(rows.body.size()),
-                      SQLITE_TRANSIENT);
+    sqlite3_bind_blob64(insertBody_, 1, rows.body.data() ? rows.body.data() : "", rows.body.size(),
+                        SQLITE_STATIC);
     if (!runToCompletion(db_, insertBody_, error)) return false;
     bodyId = sqlite3_last_insert_rowid(db_);
   }
