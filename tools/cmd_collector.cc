@@ -1,7 +1,8 @@
 // `telvo collector [--host ADDR] [--port N] [--data DIR] [--cert FILE --key FILE]
 //   [--config-dir DIR] [--throttle] [--clock-skew MS] [--callback NAME]
 //   [--set-cookie TEXT] [--max-body BYTES] [--max-inflated BYTES] [--max-depth N]
-//   [--max-members N] [--max-problems N] [--max-session-id BYTES] [--quiet]`:
+//   [--max-members N] [--max-problems N] [--max-session-id BYTES] [--allow-host NAME]...
+//   [--quiet]`:
 // a local stand-in for the analytics service and the configuration location,
 // over HTTPS on 127.0.0.1, storing everything it receives in
 // <data>/collector.db, with an inspector page at https://127.0.0.1:<port>/
@@ -10,6 +11,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,6 +24,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "collector/collector_paths.h"
 #include "collector/collector_server.h"
@@ -46,6 +49,7 @@ struct CollectorCommandOptions {
   std::string setCookie;
   std::size_t maxBody = 8 * 1024 * 1024;
   CheckLimits check;
+  std::vector<std::string> allowedHosts;
   bool quiet = false;
 };
 
@@ -103,6 +107,29 @@ void raiseDescriptorLimit() {
   }
 }
 
+// The collector's files are made private (an earlier collector left them
+// readable by others, and the certificate is written readable), and so is
+// the folder when it is the collector's own (it holds them).
+void keepPrivate(const std::filesystem::path& dataDir) {
+  namespace fs = std::filesystem;
+  bool ours = false;
+  for (const char* name : {"collector.db", "collector.db-wal", "collector.db-shm",
+                           "collector-cert.pem", "collector-key.pem"}) {
+    std::error_code ec;
+    const fs::path file = dataDir / name;
+    if (!fs::is_regular_file(fs::symlink_status(file, ec))) continue;
+    ours = true;
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ec);
+  }
+  std::error_code ec;
+  if (ours || fs::is_empty(dataDir, ec)) fs::permissions(dataDir, fs::perms::owner_all, ec);
+  auto mode = fs::status(dataDir, ec).permissions();
+  if (!ec && (mode & (fs::perms::group_all | fs::perms::others_all)) != fs::perms::none) {
+    std::cerr << "telvo collector: " << dataDir.string()
+              << " can be read by other users; what devices send is stored in it\n";
+  }
+}
+
 int runCollector(const CollectorCommandOptions& options) {
   raiseDescriptorLimit();
   if (options.port < 0 || options.port > 65535) {
@@ -119,6 +146,9 @@ int runCollector(const CollectorCommandOptions& options) {
   }
   std::filesystem::path dataDir =
       options.dataDir.empty() ? defaultCollectorDataDir() : std::filesystem::path(options.dataDir);
+  // What the collector stores (what devices sent, its private key) is for
+  // its user alone: folders it makes are 0700, files 0600.
+  umask(077);
   std::error_code ec;
   std::filesystem::create_directories(dataDir, ec);
   if (ec) {
@@ -135,6 +165,7 @@ int runCollector(const CollectorCommandOptions& options) {
   server.maxBodyBytes = options.maxBody;
   server.check = options.check;
   server.logRequests = !options.quiet;
+  server.allowedHosts = options.allowedHosts;
   if (!options.callback.empty()) server.callback = options.callback;
   if (!options.setCookie.empty()) server.setCookie = options.setCookie;
   if (!options.configDir.empty()) server.configDir = options.configDir;
@@ -163,6 +194,7 @@ int runCollector(const CollectorCommandOptions& options) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
   }
+  keepPrivate(dataDir);
   // The inspector's own connection: its queries run beside the writes.
   auto reader = CollectorStore::open(collectorDatabasePath(dataDir).string(),
                                      CollectorStore::Mode::kReadOnly, &error);
@@ -260,6 +292,9 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
                   "never handed out, is stored cut)")
       ->capture_default_str()
       ->check(CLI::Range(std::size_t{36}, std::size_t{1} << 20));
+  cmd->add_option("--allow-host", o->allowedHosts,
+                  "A name requests may give as their Host besides localhost and IP addresses "
+                  "(repeatable; other names are refused, which stops DNS rebinding)");
   cmd->add_flag("--quiet", o->quiet, "No line per request on standard error");
   return Command{cmd, [o] { return runCollector(*o); }};
 });

@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -218,6 +219,98 @@ TEST_F(CollectorFaultsTest, HugeAndWideDocumentsKeepPeakMemoryBoundedAndOrdinary
   EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%more than 100000 "
                   "members%'"),
             3 * 4);
+}
+
+// ---- writes only from clients ----
+
+TEST_F(CollectorFaultsTest, WebPagesCannotWriteAndOtherHostNamesAreRefused) {
+  start({"--allow-host", "collector.lab.example"});
+  const std::string port = std::to_string(collector_.port());
+  const std::string hello = envelopeOf(helloDocument().dump());
+  auto withHeaders = [&](httplib::Headers extra) {
+    httplib::Headers headers = kEnvelopeHeaders;
+    headers.insert(extra.begin(), extra.end());
+    return headers;
+  };
+
+  // A page on another origin posting with fetch(..., {mode: 'no-cors'}):
+  // the browser sends Origin, which devices and the library never do.
+  for (std::string path : {"/api/hello", "/api/postEvent/batch.json", "/nowhere"}) {
+    SCOPED_TRACE(path);
+    auto [status, body] = post(path, hello, withHeaders({{"Origin", "https://evil.example"}}));
+    EXPECT_EQ(status, 403) << body;
+    EXPECT_NE(body.find("Origin"), std::string::npos) << body;
+  }
+  // A name that is not this machine's (DNS rebinding: evil.example made to
+  // resolve to 127.0.0.1), for writes and for reads.
+  auto [status, body] =
+      post("/api/hello", hello, withHeaders({{"Host", "rebind.evil.example:" + port}}));
+  EXPECT_EQ(status, 403) << body;
+  EXPECT_NE(body.find("rebind.evil.example"), std::string::npos) << body;
+  auto read = client()->Get("/inspect/api/summary", {{"Host", "rebind.evil.example:" + port}});
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->status, 403);
+  auto page = client()->Get("/", {{"Host", "rebind.evil.example"}});
+  ASSERT_TRUE(page);
+  EXPECT_EQ(page->status, 403);
+  EXPECT_EQ(count("SELECT count(*) FROM sessions"), 0);
+
+  // Devices name the machine by address, by localhost, or by a name given
+  // with --allow-host.
+  for (const std::string& host : std::vector<std::string>{
+           "127.0.0.1:" + port, "localhost:" + port, "LOCALHOST",
+                                  "[::1]:" + port, "192.168.1.20:" + port, "collector.lab.example",
+                                  "Collector.Lab.Example:" + port}) {
+    SCOPED_TRACE(host);
+    auto [ok, answer] = post("/api/hello", hello, withHeaders({{"Host", host}}));
+    EXPECT_EQ(ok, 200) << answer;
+  }
+  EXPECT_EQ(count("SELECT count(*) FROM sessions"), 7);
+  // The refusals are listed as problems, without bodies.
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%Origin%' AND body_id "
+                  "IS NULL"),
+            3);
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%rebind.evil.example%'"),
+            3);
+}
+
+TEST_F(CollectorFaultsTest, AnswersAreNotSniffedAndTheDataFolderIsPrivate) {
+  start();
+  auto c = client();
+  auto hello = c->Post("/api/hello", kEnvelopeHeaders, envelopeOf(helloDocument().dump()),
+                       "application/x-gzip");
+  ASSERT_TRUE(hello);
+  const std::string session = Json::parse(hello->body).value("sessionId", "");
+  std::vector<std::pair<std::string, httplib::Result>> answers;
+  answers.emplace_back("hello", std::move(hello));
+  answers.emplace_back(
+      "batch", c->Post("/api/postEvent/batch.json", kEnvelopeHeaders,
+                       envelopeOf("{\"sessionId\":\"" + session +
+                                  "\",\"events\":[{\"eventType\":\"a\",\"eventData\":{}}]}"),
+                       "application/x-gzip"));
+  answers.emplace_back("refused", c->Post("/api/postEvent/batch.json", kEnvelopeHeaders, "%%%",
+                                          "application/x-gzip"));
+  answers.emplace_back("configuration",
+                       c->Get("/mdrv/telvo/config/app/site/telvoanalytics.json"));
+  answers.emplace_back("summary", c->Get("/inspect/api/summary"));
+  answers.emplace_back("events", c->Get("/inspect/api/events"));
+  answers.emplace_back("unknown", c->Get("/inspect/api/nothing"));
+  for (const auto& [name, res] : answers) {
+    SCOPED_TRACE(name);
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->get_header_value("X-Content-Type-Options"), "nosniff");
+  }
+
+  struct stat folder {};
+  ASSERT_EQ(::stat(dataDir_.c_str(), &folder), 0);
+  EXPECT_EQ(folder.st_mode & 0777, 0700u);
+  for (std::string name : {"collector.db", "collector.db-wal", "collector.db-shm",
+                                  "collector-cert.pem", "collector-key.pem"}) {
+    SCOPED_TRACE(name);
+    struct stat file {};
+    ASSERT_EQ(::stat((dataDir_ + "/" + name).c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600u);
+  }
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include "collector/collector_server.h"
 
 #include <httplib.h>
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <pthread.h>
 #include <sys/socket.h>
 
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -138,6 +140,55 @@ void widenListenBacklog(int port) {
   }
 }
 
+// The host of a Host header, without its port; IPv6 addresses keep their
+// brackets.
+std::string hostName(const std::string& host) {
+  if (!host.empty() && host.front() == '[') {
+    auto end = host.find(']');
+    return end == std::string::npos ? host : host.substr(0, end + 1);
+  }
+  return host.substr(0, host.find(':'));
+}
+
+bool isAddress(const std::string& name) {
+  unsigned char address[sizeof(in6_addr)];
+  if (name.size() > 2 && name.front() == '[' && name.back() == ']') {
+    return inet_pton(AF_INET6, name.substr(1, name.size() - 2).c_str(), address) == 1;
+  }
+  return inet_pton(AF_INET, name.c_str(), address) == 1;
+}
+
+bool sameNameIgnoringCase(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(a[i])) !=
+        std::tolower(static_cast<unsigned char>(b[i]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// A header's value for a problem line: in quotes, cut when long, bytes that
+// are not printable ASCII written as \xHH.
+std::string shownHeader(const std::string& value) {
+  constexpr std::size_t kShown = 120;
+  std::string out = "\"";
+  for (std::size_t i = 0; i < value.size() && i < kShown; ++i) {
+    const auto c = static_cast<unsigned char>(value[i]);
+    if (c >= 0x20 && c < 0x7F && c != '"' && c != '\\') {
+      out += static_cast<char>(c);
+    } else {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+      out += escaped;
+    }
+  }
+  out += "\"";
+  if (value.size() > kShown) out += "... (" + std::to_string(value.size()) + " bytes)";
+  return out;
+}
+
 bool isPlainSegment(const std::string& segment) {
   return !segment.empty() && segment != "." && segment != ".." &&
          segment.find('\0') == std::string::npos && segment.find('\\') == std::string::npos;
@@ -181,6 +232,7 @@ bool CollectorServer::bind(std::string* error) {
     return false;
   }
   server_->set_payload_max_length(options_.maxBodyBytes);
+  server_->set_default_headers({{"X-Content-Type-Options", "nosniff"}});
   // A connection that sends nothing (no handshake, no request) is closed
   // after two seconds, an idle kept-alive one after two more.
   server_->set_read_timeout(2, 0);
@@ -217,7 +269,16 @@ void CollectorServer::installRoutes() {
   // the label is moved aside here, before the body is read, and checked by
   // the post handlers instead. The request object is httplib's own mutable
   // one, handed to this hook as const.
-  server_->set_pre_routing_handler([](const httplib::Request& req, httplib::Response&) {
+  server_->set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+    // Reads are refused here; writes in their handlers, once their bodies
+    // are read.
+    if (req.method == "GET" || req.method == "HEAD") {
+      if (auto why = refusal(req)) {
+        recordProblem(req, *why, /*keepBody=*/false);
+        answerError(res, 403, *why);
+        return httplib::Server::HandlerResponse::Handled;
+      }
+    }
     if (req.has_header("Content-Encoding")) {
       auto& request = const_cast<httplib::Request&>(req);
       std::string label = request.get_header_value("Content-Encoding");
@@ -311,6 +372,11 @@ void CollectorServer::handleConfig(const httplib::Request& req, httplib::Respons
 
 void CollectorServer::handlePost(PostKind kind, const httplib::Request& req,
                                  httplib::Response& res) {
+  if (auto why = refusal(req)) {
+    recordProblem(req, *why, /*keepBody=*/false);
+    answerError(res, 403, *why);
+    return;
+  }
   std::int64_t received = nowMs();
   PostHeaders headers;
   headers.contentType = header(req, "Content-Type");
@@ -376,6 +442,11 @@ void CollectorServer::handleError(const httplib::Request& req, httplib::Response
   // Handlers that refuse a request set their own body and problem row; what
   // arrives here bare was refused by httplib itself.
   if (!res.body.empty()) return;
+  if (auto why = refusal(req)) {
+    recordProblem(req, *why, /*keepBody=*/false);
+    answerError(res, 403, *why);
+    return;
+  }
   std::string description;
   switch (res.status) {
     case 404:
@@ -399,14 +470,38 @@ void CollectorServer::handleError(const httplib::Request& req, httplib::Response
   answerError(res, res.status, description);
 }
 
-void CollectorServer::recordProblem(const httplib::Request& req, const std::string& description) {
+std::optional<std::string> CollectorServer::refusal(const httplib::Request& req) const {
+  if (req.has_header("Host")) {
+    const std::string host = req.get_header_value("Host");
+    const std::string name = hostName(host);
+    bool allowed = isAddress(name) || sameNameIgnoringCase(name, "localhost");
+    for (const std::string& other : options_.allowedHosts) {
+      allowed = allowed || sameNameIgnoringCase(name, other);
+    }
+    if (!allowed) {
+      return "refused: Host " + shownHeader(host) +
+             " names neither this machine's address nor localhost (give other names with "
+             "--allow-host)";
+    }
+  }
+  if (req.method != "GET" && req.method != "HEAD" && req.has_header("Origin")) {
+    return "refused: a post from a web page (Origin " + shownHeader(req.get_header_value("Origin")) +
+           "); devices send no Origin";
+  }
+  return std::nullopt;
+}
+
+void CollectorServer::recordProblem(const httplib::Request& req, const std::string& description,
+                                    bool keepBody) {
   log("problem: " + req.method + " " + req.path + ": " + description);
   RequestRecord record;
   record.receivedMs = nowMs();
   record.problems.push_back(ProblemRow{0, record.receivedMs, req.method, req.path, description,
                                        "request", std::nullopt});
-  record.body = req.body;
-  record.bodyLength = req.body.size();
+  if (keepBody) {
+    record.body = req.body;
+    record.bodyLength = req.body.size();
+  }
   std::string error;
   if (!store_.record(record, &error)) log("cannot store a problem: " + error);
 }

@@ -9,6 +9,11 @@
 //   POST /api/postEvent/batch.json    answers {"status":"ok"}
 //   POST /api/postEvent/error         answers {"status":"ok"}
 //   GET  /, /inspect/...              the inspector page and its API (Inspector)
+// Writes come only from clients: a request whose Host names a machine other
+// than localhost, an IP address or a name given in allowedHosts (a page that
+// had its own name made to resolve here), and a post that carries an Origin
+// header (a page on some web site posting here), are answered 403. Every
+// answer carries "X-Content-Type-Options: nosniff".
 // Every post is checked (PostChecker) and stored (CollectorStore), its rows in
 // one transaction. An envelope that does not decode is answered 400; an
 // unknown path 404; a body over the size limit 413; a request that cannot be
@@ -27,6 +32,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "collector/collector_store.h"
 #include "collector/inspector.h"
@@ -58,6 +64,8 @@ struct CollectorOptions {
   // refused as a problem), and how many problem lines one post keeps.
   CheckLimits check;
   bool logRequests = true;  // one line per request on standard error
+  // Names a request's Host may give besides localhost and IP addresses.
+  std::vector<std::string> allowedHosts;
 };
 
 class CollectorServer {
@@ -92,7 +100,12 @@ class CollectorServer {
   void handleConfig(const httplib::Request& req, httplib::Response& res);
   void handlePost(PostKind kind, const httplib::Request& req, httplib::Response& res);
   void handleError(const httplib::Request& req, httplib::Response& res);
-  void recordProblem(const httplib::Request& req, const std::string& description);
+  // Why a request is refused whatever it asks for: a Host that names some
+  // other machine, or (for anything but a read) an Origin, which browsers
+  // send and devices do not. Nothing when it may go on.
+  std::optional<std::string> refusal(const httplib::Request& req) const;
+  void recordProblem(const httplib::Request& req, const std::string& description,
+                     bool keepBody = true);
   std::string newSessionId();
   void log(const std::string& line) const;
 

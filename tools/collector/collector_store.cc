@@ -294,9 +294,9 @@ bool CollectorStore::insertRows(const RequestRecord& rows, std::string* error) {
     if (!runToCompletion(db_, stmt, error)) return false;
   }
   std::optional<std::int64_t> bodyId;
-  if (!rows.problems.empty()) {
-    sqlite3_bind_blob64(insertBody_, 1, rows.body.data() ? rows.body.data() : "", rows.body.size(),
-                        SQLITE_STATIC);
+  if (!rows.problems.empty() && rows.body) {
+    sqlite3_bind_blob64(insertBody_, 1, rows.body->data() ? rows.body->data() : "",
+                        rows.body->size(), SQLITE_STATIC);
     if (!runToCompletion(db_, insertBody_, error)) return false;
     bodyId = sqlite3_last_insert_rowid(db_);
   }

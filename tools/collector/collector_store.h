@@ -105,10 +105,11 @@ struct RequestRecord {
   std::vector<NewEvent> events;
   std::optional<NewError> error;
   std::vector<ProblemRow> problems;
-  // The request body, as far as it is kept: stored once, with the problems
-  // (none, none stored), for problemBody(). `bodyLength` is the whole
-  // body's length, which may be more than what is kept.
-  std::string_view body;
+  // The request body, as far as it is kept: stored once with the problems
+  // (none, none stored; nothing when the problems are not about a body), for
+  // problemBody(). `bodyLength` is the whole body's length, which may be
+  // more than what is kept.
+  std::optional<std::string_view> body;
   std::size_t bodyLength = 0;
   // Whatever the texts above point into, kept alive until the record is.
   std::shared_ptr<const std::string> text;

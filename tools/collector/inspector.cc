@@ -134,7 +134,6 @@ void serveAsset(const std::string& name, httplib::Response& res) {
   res.set_header("Content-Security-Policy",
                  "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
                  "object-src 'none'; base-uri 'none'; frame-ancestors 'none'");
-  res.set_header("X-Content-Type-Options", "nosniff");
   res.set_header("Referrer-Policy", "no-referrer");
   res.set_content(reinterpret_cast<const char*>(asset->data), asset->size, contentType(name));
 }
@@ -243,7 +242,6 @@ void Inspector::installRoutes(httplib::Server& server) {
     }
     res.status = 200;
     res.set_header("Content-Disposition", "attachment; filename=\"problem-" + id + "-body.bin\"");
-    res.set_header("X-Content-Type-Options", "nosniff");
     res.set_content(*body, "application/octet-stream");
   });
 
