@@ -1,6 +1,7 @@
 // `telvo collector [--host ADDR] [--port N] [--data DIR] [--cert FILE --key FILE]
 //   [--config-dir DIR] [--throttle] [--clock-skew MS] [--callback NAME]
-//   [--set-cookie TEXT] [--max-body BYTES] [--max-inflated BYTES] [--max-depth N]
+//   [--set-cookie TEXT] [--max-body BYTES] [--keep-body BYTES] [--keep-stray-body BYTES]
+//   [--max-inflated BYTES] [--max-depth N]
 //   [--max-members N] [--max-problems N] [--max-session-id BYTES] [--allow-host NAME]...
 //   [--quiet]`:
 // a local stand-in for the analytics service and the configuration location,
@@ -48,6 +49,8 @@ struct CollectorCommandOptions {
   std::string callback;
   std::string setCookie;
   std::size_t maxBody = 8 * 1024 * 1024;
+  std::size_t keepBody = 64 * 1024;
+  std::size_t keepStrayBody = 4096;
   CheckLimits check;
   std::vector<std::string> allowedHosts;
   bool quiet = false;
@@ -163,6 +166,8 @@ int runCollector(const CollectorCommandOptions& options) {
   server.throttle = options.throttle;
   server.clockSkewMs = options.clockSkewMs;
   server.maxBodyBytes = options.maxBody;
+  server.keepBodyBytes = options.keepBody;
+  server.keepStrayBodyBytes = options.keepStrayBody;
   server.check = options.check;
   server.logRequests = !options.quiet;
   server.allowedHosts = options.allowedHosts;
@@ -269,7 +274,16 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
   cmd->add_option("--set-cookie", o->setCookie, "Set-Cookie header sent with the hello answer");
   cmd->add_option("--max-body", o->maxBody, "Largest request body accepted, in bytes")
       ->capture_default_str()
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  cmd->add_option("--keep-body", o->keepBody,
+                  "Most bytes of a post's body kept with its problems")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{0}, std::size_t{1} << 30));
+  cmd->add_option("--keep-stray-body", o->keepStrayBody,
+                  "Most bytes kept of a body the collector does not read (unknown path, too "
+                  "large, cut short)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{0}, std::size_t{1} << 20));
   cmd->add_option("--max-inflated", o->check.envelope.maxInflatedBytes,
                   "Largest text a request body may inflate to, in bytes (beyond it the post "
                   "is refused as a problem)")

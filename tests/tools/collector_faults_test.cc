@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,6 +15,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <random>
+#include <tuple>
 #include <string>
 #include <thread>
 #include <vector>
@@ -85,6 +89,9 @@ class CollectorFaultsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_FALSE(std::string(TELVO_TOOL_PATH).empty()) << "the telvo tool is not built";
+    // A connection the collector ends must fail the client's request, not
+    // end the test program.
+    signal(SIGPIPE, SIG_IGN);
     dataDir_ = dir_.file("data");
   }
 
@@ -311,6 +318,136 @@ TEST_F(CollectorFaultsTest, AnswersAreNotSniffedAndTheDataFolderIsPrivate) {
     ASSERT_EQ(::stat((dataDir_ + "/" + name).c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 0777, 0600u);
   }
+}
+
+// ---- stray paths, oversized and unusual bodies ----
+
+TEST_F(CollectorFaultsTest, StrayPathsAndOversizedBodiesKeepOnlyAFewKilobytes) {
+  start();  // --max-body 8 MiB, --keep-stray-body 4096
+  auto c = client();
+  const std::string large(8000000, 'x');
+  for (int i = 0; i < 10; ++i) {
+    auto res = c->Post(("/nope" + std::to_string(i)).c_str(), large, "application/octet-stream");
+    ASSERT_TRUE(res) << httplib::to_string(res.error());
+    EXPECT_EQ(res->status, 404);
+  }
+  for (const char* method : {"PUT", "PATCH", "DELETE"}) {
+    SCOPED_TRACE(method);
+    httplib::Request req;
+    req.method = method;
+    req.path = "/api/hello";
+    req.body = std::string(1000000, 'y');
+    req.set_header("Content-Type", "text/plain");
+    auto res = c->send(req);
+    ASSERT_TRUE(res) << httplib::to_string(res.error());
+    EXPECT_EQ(res->status, 404);
+  }
+  // Over the body limit, announced or sent in chunks without a length.
+  auto announced =
+      client()->Post("/api/postEvent/batch.json", kEnvelopeHeaders, std::string(9u << 20, 'A'),
+                     "application/x-gzip");
+  if (announced) {
+    EXPECT_EQ(announced->status, 413);
+  }
+  for (std::string path : {"/api/postEvent/batch.json", "/nope-chunked"}) {
+    SCOPED_TRACE(path);
+    std::size_t sent = 0;
+    auto chunked = client()->Post(
+        path.c_str(), kEnvelopeHeaders,
+        [&](std::size_t, httplib::DataSink& sink) {
+          static const std::string piece(64 * 1024, 'B');
+          if (sent >= (20u << 20)) {
+            sink.done();
+            return true;
+          }
+          sent += piece.size();
+          return sink.write(piece.data(), piece.size());
+        },
+        "application/x-gzip");
+    if (chunked) {
+      EXPECT_TRUE(chunked->status == 413 || chunked->status == 404) << chunked->status;
+    }
+  }
+  EXPECT_FALSE(hello().empty()) << "the collector stopped answering";
+
+  // Each left a problem with at most 4 KiB of its body, saying how much
+  // there was.
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE path LIKE '/nope%' AND description LIKE "
+                  "'%unknown path%'"),
+            11);
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%first 4096 of 8000000 "
+                  "bytes kept%'"),
+            10);
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE path = '/api/postEvent/batch.json' AND "
+                  "description LIKE '%larger than the limit of 8388608 bytes%'"),
+            2);
+  EXPECT_LE(count("SELECT max(length(body)) FROM request_bodies"), 4096);
+  EXPECT_LE(count("SELECT sum(length(body)) FROM request_bodies"), 16 * 4096);
+  std::uintmax_t onDisk = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dataDir_)) {
+    if (entry.path().filename().string().rfind("collector.db", 0) == 0) onDisk += entry.file_size();
+  }
+  EXPECT_LT(onDisk, 8u << 20) << "bytes of database after 120 MB of stray bodies";
+}
+
+TEST_F(CollectorFaultsTest, FormBodiesAndUnreadableHeadersGetTheRightAnswers) {
+  start();
+  const std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  // A batch of 40 KB sent with a form's content type: stored, with the label
+  // as its problem (not refused for a form's size).
+  std::string events;
+  std::mt19937 random(7);
+  for (int i = 0; i < 200; ++i) {
+    std::string noise(200, ' ');
+    for (char& c : noise) c = static_cast<char>('a' + random() % 26);
+    events += std::string(i ? "," : "") + "{\"eventType\":\"form\",\"eventData\":{\"n\":\"" +
+              noise + "\"}}";
+  }
+  const std::string batch =
+      envelopeOf("{\"sessionId\":\"" + session + "\",\"events\":[" + events + "]}");
+  ASSERT_GT(batch.size(), 8192u);
+  auto [status, body] =
+      post("/api/postEvent/batch.json", batch,
+           {{"Content-Type", "application/x-www-form-urlencoded"}, {"Content-Encoding", "gzip"}});
+  EXPECT_EQ(status, 200) << body;
+  EXPECT_EQ(count("SELECT count(*) FROM events WHERE type = 'form'"), 200);
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%Content-Type is "
+                  "\"application/x-www-form-urlencoded\"%'"),
+            1);
+  // The same with a multipart type: read as the envelope it is.
+  std::tie(status, body) =
+      post("/api/postEvent/batch.json", batch,
+           {{"Content-Type", "multipart/form-data; boundary=xyz"}, {"Content-Encoding", "gzip"}});
+  EXPECT_EQ(status, 200) << body;
+  EXPECT_EQ(count("SELECT count(*) FROM events WHERE type = 'form'"), 400);
+
+  // Header values that are not UTF-8: a 400 naming the header, never a 500.
+  const std::string hello = envelopeOf(helloDocument().dump());
+  struct Case {
+    std::string path;
+    httplib::Headers headers;
+    std::string header;
+  };
+  std::vector<Case> cases = {
+      {"/api/postEvent/batch.json",
+       {{"Content-Type", "application/x-gzip\xff\xfe"}, {"Content-Encoding", "gzip"}},
+       "Content-Type"},
+      {"/api/postEvent/error",
+       {{"Content-Type", "application/x-gzip"}, {"Content-Encoding", "gz\xc3"}},
+       "Content-Encoding"},
+      {"/api/hello", {{"Cookie", "telvoUUID=\x80\x81"}}, "Cookie"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.header);
+    auto [refused, answer] = post(c.path, hello, c.headers);
+    EXPECT_EQ(refused, 400) << answer;
+    EXPECT_NE(answer.find(c.header + " header is not UTF-8"), std::string::npos) << answer;
+    EXPECT_EQ(count("SELECT count(*) FROM problems WHERE path = '" + c.path +
+                    "' AND description LIKE '%" + c.header + " header is not UTF-8%'"),
+              1);
+  }
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%collector failed%'"), 0);
 }
 
 }  // namespace

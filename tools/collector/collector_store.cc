@@ -52,19 +52,24 @@ CREATE TABLE IF NOT EXISTS problems (
   layer TEXT NOT NULL DEFAULT '',
   body_id INTEGER
 );
--- The raw body of a request that left problems, once however many it left.
+-- The raw body of a request that left problems, once however many it left:
+-- its first bytes when it was longer than what is kept (length: the whole
+-- body's length; NULL in rows from before bodies were cut).
 CREATE TABLE IF NOT EXISTS request_bodies (
   id INTEGER PRIMARY KEY AUTOINCREMENT,
-  body BLOB NOT NULL
+  body BLOB NOT NULL,
+  length INTEGER
 );
 CREATE INDEX IF NOT EXISTS sessions_by_received ON sessions (received_ms);
 CREATE INDEX IF NOT EXISTS errors_by_session ON errors (session_id, id);
 )sql";
 
-// Databases made before problems kept their layer and body gain the columns.
-constexpr const char* kProblemColumns[][2] = {
-    {"layer", "ALTER TABLE problems ADD COLUMN layer TEXT NOT NULL DEFAULT ''"},
-    {"body_id", "ALTER TABLE problems ADD COLUMN body_id INTEGER"},
+// Databases made before problems kept their layer and body, and before
+// bodies were kept in part, gain the columns: {table, column, statement}.
+constexpr const char* kAddedColumns[][3] = {
+    {"problems", "layer", "ALTER TABLE problems ADD COLUMN layer TEXT NOT NULL DEFAULT ''"},
+    {"problems", "body_id", "ALTER TABLE problems ADD COLUMN body_id INTEGER"},
+    {"request_bodies", "length", "ALTER TABLE request_bodies ADD COLUMN length INTEGER"},
 };
 
 // Owns a statement prepared for one listing call.
@@ -195,10 +200,10 @@ bool CollectorStore::exec(const char* sql, std::string* error) {
 }
 
 bool CollectorStore::addMissingColumns(std::string* error) {
-  for (const auto& column : kProblemColumns) {
-    std::string probe = std::string("SELECT ") + column[0] + " FROM problems LIMIT 0";
+  for (const auto& column : kAddedColumns) {
+    std::string probe = std::string("SELECT ") + column[1] + " FROM " + column[0] + " LIMIT 0";
     Statement existing(db_, probe.c_str());
-    if (!existing.get() && !exec(column[1], error)) return false;
+    if (!existing.get() && !exec(column[2], error)) return false;
   }
   return true;
 }
@@ -222,7 +227,7 @@ bool CollectorStore::prepareWriters(std::string* error) {
       {&insertProblem_,
        "INSERT INTO problems (received_ms, method, path, description, layer, body_id) "
        "VALUES (?1, ?2, ?3, ?4, ?5, ?6)"},
-      {&insertBody_, "INSERT INTO request_bodies (body) VALUES (?1)"},
+      {&insertBody_, "INSERT INTO request_bodies (body, length) VALUES (?1, ?2)"},
       {&findSession_, "SELECT 1 FROM sessions WHERE id = ?1"},
   };
   for (auto& writer : writers) {
@@ -297,6 +302,8 @@ bool CollectorStore::insertRows(const RequestRecord& rows, std::string* error) {
   if (!rows.problems.empty() && rows.body) {
     sqlite3_bind_blob64(insertBody_, 1, rows.body->data() ? rows.body->data() : "",
                         rows.body->size(), SQLITE_STATIC);
+    sqlite3_bind_int64(insertBody_, 2,
+                       static_cast<std::int64_t>(std::max(rows.bodyLength, rows.body->size())));
     if (!runToCompletion(db_, insertBody_, error)) return false;
     bodyId = sqlite3_last_insert_rowid(db_);
   }
@@ -579,7 +586,9 @@ std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
   std::lock_guard<std::mutex> lock(mutex_);
   Statement statement(db_,
                       "SELECT id, received_ms, method, path, description, layer, "
-                      "(SELECT length(body) FROM request_bodies WHERE id = body_id) "
+                      "(SELECT length(body) FROM request_bodies WHERE id = body_id), "
+                      "(SELECT coalesce(length, length(body)) FROM request_bodies "
+                      " WHERE id = body_id) "
                       "FROM problems WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
                       "ORDER BY id DESC LIMIT ?4");
   std::vector<ProblemRow> rows;
@@ -590,6 +599,7 @@ std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
     ProblemRow row = problemFrom(s);
     row.layer = columnText(s, 5);
     row.bodyBytes = columnOptionalInt(s, 6);
+    row.bodyLength = columnOptionalInt(s, 7);
     rows.push_back(std::move(row));
   }
   return rows;

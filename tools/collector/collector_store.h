@@ -75,6 +75,8 @@ struct ProblemRow {
   // The length of the request's stored body (listings only); nothing when
   // none was kept (rows from before bodies were kept).
   std::optional<std::int64_t> bodyBytes;
+  // The whole body's length, of which bodyBytes were kept (listings only).
+  std::optional<std::int64_t> bodyLength;
 };
 
 // One event of a batch post as record() stores it. Its data points into the

@@ -227,6 +227,7 @@ void Inspector::installRoutes(httplib::Server& server) {
                  Json out = problemJson(row);
                  out["layer"] = row.layer;
                  out["bodyBytes"] = row.bodyBytes ? Json(*row.bodyBytes) : Json(nullptr);
+                 out["bodyLength"] = row.bodyLength ? Json(*row.bodyLength) : Json(nullptr);
                  rows.push_back(std::move(out));
                }
                answer(res, Json{{"problems", rows}});
