@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "collector/collector_store.h"
 
@@ -60,23 +61,26 @@ CollectorStore& store() {
       hello.session->id = sessionId(s);
       hello.session->receivedMs = hello.session->serviceMs = start;
       hello.session->application = "bench-app";
-      hello.session->helloJson = "{}";
+      hello.helloJson = "{}";
       opened->record(hello, &error);
     }
-    // Batches of 100, as a busy client posts them.
+    // Batches of 100 from one session each, as a busy client posts them.
     for (int i = 0; i < kEvents; i += 100) {
       telvo::tool::RequestRecord batch;
+      batch.sessionId = sessionId(i / 100 % kSessions);
+      batch.receivedMs = start + static_cast<std::int64_t>(i) * 6;  // ten minutes in all
+      std::vector<std::string> texts;
+      texts.reserve(100);
       for (int j = i; j < i + 100; ++j) {
-        telvo::tool::EventRow row;
-        row.sessionId = sessionId(j % kSessions);
+        telvo::tool::NewEvent row;
         row.type = "event_type_" + std::to_string(j % kTypes);
-        row.receivedMs = start + static_cast<std::int64_t>(j) * 6;  // ten minutes in all
-        row.eventMs = row.receivedMs;
-        row.dataJson =
-            R"({"timestamp":)" + std::to_string(row.receivedMs) + R"(,"title":"Episode )" +
+        row.eventMs = batch.receivedMs;
+        texts.push_back(
+            R"({"timestamp":)" + std::to_string(batch.receivedMs) + R"(,"title":"Episode )" +
             std::to_string(j % 997) +
             R"(","position":123.456,"player":{"volume":80,"muted":false,"quality":"hd"},)"
-            R"("device":{"model":"TX-55LZ","os":"Linux 5.10"},"tags":["drama","serie"]})";
+            R"("device":{"model":"TX-55LZ","os":"Linux 5.10"},"tags":["drama","serie"]})");
+        row.dataJson = texts.back();
         batch.events.push_back(std::move(row));
       }
       opened->record(batch, &error);

@@ -1,6 +1,9 @@
 // `telvo collector [--host ADDR] [--port N] [--data DIR] [--cert FILE --key FILE]
 //   [--config-dir DIR] [--throttle] [--clock-skew MS] [--callback NAME]
-//   [--set-cookie TEXT] [--max-body BYTES] [--quiet]`:
+//   [--set-cookie TEXT] [--max-body BYTES] [--keep-body BYTES] [--keep-stray-body BYTES]
+//   [--max-inflated BYTES] [--max-depth N]
+//   [--max-members N] [--max-problems N] [--max-session-id BYTES] [--allow-host NAME]...
+//   [--quiet]`:
 // a local stand-in for the analytics service and the configuration location,
 // over HTTPS on 127.0.0.1, storing everything it receives in
 // <data>/collector.db, with an inspector page at https://127.0.0.1:<port>/
@@ -9,6 +12,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,6 +25,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "collector/collector_paths.h"
 #include "collector/collector_server.h"
@@ -44,7 +49,10 @@ struct CollectorCommandOptions {
   std::string callback;
   std::string setCookie;
   std::size_t maxBody = 8 * 1024 * 1024;
-  std::size_t maxInflated = kDefaultMaxInflatedBytes;
+  std::size_t keepBody = 64 * 1024;
+  std::size_t keepStrayBody = 4096;
+  CheckLimits check;
+  std::vector<std::string> allowedHosts;
   bool quiet = false;
 };
 
@@ -102,6 +110,29 @@ void raiseDescriptorLimit() {
   }
 }
 
+// The collector's files are made private (an earlier collector left them
+// readable by others, and the certificate is written readable), and so is
+// the folder when it is the collector's own (it holds them).
+void keepPrivate(const std::filesystem::path& dataDir) {
+  namespace fs = std::filesystem;
+  bool ours = false;
+  for (const char* name : {"collector.db", "collector.db-wal", "collector.db-shm",
+                           "collector-cert.pem", "collector-key.pem"}) {
+    std::error_code ec;
+    const fs::path file = dataDir / name;
+    if (!fs::is_regular_file(fs::symlink_status(file, ec))) continue;
+    ours = true;
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ec);
+  }
+  std::error_code ec;
+  if (ours || fs::is_empty(dataDir, ec)) fs::permissions(dataDir, fs::perms::owner_all, ec);
+  auto mode = fs::status(dataDir, ec).permissions();
+  if (!ec && (mode & (fs::perms::group_all | fs::perms::others_all)) != fs::perms::none) {
+    std::cerr << "telvo collector: " << dataDir.string()
+              << " can be read by other users; what devices send is stored in it\n";
+  }
+}
+
 int runCollector(const CollectorCommandOptions& options) {
   raiseDescriptorLimit();
   if (options.port < 0 || options.port > 65535) {
@@ -118,6 +149,9 @@ int runCollector(const CollectorCommandOptions& options) {
   }
   std::filesystem::path dataDir =
       options.dataDir.empty() ? defaultCollectorDataDir() : std::filesystem::path(options.dataDir);
+  // What the collector stores (what devices sent, its private key) is for
+  // its user alone: folders it makes are 0700, files 0600.
+  umask(077);
   std::error_code ec;
   std::filesystem::create_directories(dataDir, ec);
   if (ec) {
@@ -132,8 +166,11 @@ int runCollector(const CollectorCommandOptions& options) {
   server.throttle = options.throttle;
   server.clockSkewMs = options.clockSkewMs;
   server.maxBodyBytes = options.maxBody;
-  server.maxInflatedBytes = options.maxInflated;
+  server.keepBodyBytes = options.keepBody;
+  server.keepStrayBodyBytes = options.keepStrayBody;
+  server.check = options.check;
   server.logRequests = !options.quiet;
+  server.allowedHosts = options.allowedHosts;
   if (!options.callback.empty()) server.callback = options.callback;
   if (!options.setCookie.empty()) server.setCookie = options.setCookie;
   if (!options.configDir.empty()) server.configDir = options.configDir;
@@ -162,6 +199,7 @@ int runCollector(const CollectorCommandOptions& options) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
   }
+  keepPrivate(dataDir);
   // The inspector's own connection: its queries run beside the writes.
   auto reader = CollectorStore::open(collectorDatabasePath(dataDir).string(),
                                      CollectorStore::Mode::kReadOnly, &error);
@@ -236,12 +274,41 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
   cmd->add_option("--set-cookie", o->setCookie, "Set-Cookie header sent with the hello answer");
   cmd->add_option("--max-body", o->maxBody, "Largest request body accepted, in bytes")
       ->capture_default_str()
-      ->check(CLI::PositiveNumber);
-  cmd->add_option("--max-inflated", o->maxInflated,
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  cmd->add_option("--keep-body", o->keepBody,
+                  "Most bytes of a post's body kept with its problems")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{0}, std::size_t{1} << 30));
+  cmd->add_option("--keep-stray-body", o->keepStrayBody,
+                  "Most bytes kept of a body the collector does not read (unknown path, too "
+                  "large, cut short)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{0}, std::size_t{1} << 20));
+  cmd->add_option("--max-inflated", o->check.envelope.maxInflatedBytes,
                   "Largest text a request body may inflate to, in bytes (beyond it the post "
                   "is refused as a problem)")
       ->capture_default_str()
-      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  cmd->add_option("--max-depth", o->check.envelope.json.maxDepth,
+                  "Deepest nesting of arrays and objects a posted document may have")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000}));
+  cmd->add_option("--max-members", o->check.envelope.json.maxMembers,
+                  "Most elements of one array, or members of one object, in a posted document")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 30));
+  cmd->add_option("--max-problems", o->check.maxProblems,
+                  "Problem lines kept for one post (one more line counts the rest)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000}));
+  cmd->add_option("--max-session-id", o->check.maxSessionIdLength,
+                  "Longest session id stored with a post's events, in bytes (a longer one, "
+                  "never handed out, is stored cut)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{36}, std::size_t{1} << 20));
+  cmd->add_option("--allow-host", o->allowedHosts,
+                  "A name requests may give as their Host besides localhost and IP addresses "
+                  "(repeatable; other names are refused, which stops DNS rebinding)");
   cmd->add_flag("--quiet", o->quiet, "No line per request on standard error");
   return Command{cmd, [o] { return runCollector(*o); }};
 });

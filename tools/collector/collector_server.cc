@@ -1,16 +1,22 @@
 #include "collector/collector_server.h"
 
 #include <httplib.h>
+
+#include "encoding/utf8.h"
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <pthread.h>
 #include <sys/socket.h>
 
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -19,8 +25,10 @@
 namespace telvo::tool {
 namespace {
 
-// Where the pre-routing handler keeps a request's Content-Encoding label.
+// Where the pre-routing handler keeps a request's Content-Encoding and
+// Content-Type labels.
 constexpr const char* kReceivedEncodingHeader = "X-Telvo-Received-Content-Encoding";
+constexpr const char* kReceivedTypeHeader = "X-Telvo-Received-Content-Type";
 constexpr const char* kDefaultConfigFile = "telvoanalytics.json";
 
 std::int64_t nowMs() {
@@ -36,7 +44,8 @@ std::optional<std::string> header(const httplib::Request& req, const char* name)
 
 void answerJson(httplib::Response& res, int status, const Json& body) {
   res.status = status;
-  res.set_content(body.dump(), "application/json");
+  // Device bytes that are not UTF-8 become U+FFFD rather than an exception.
+  res.set_content(body.dump(-1, ' ', false, Json::error_handler_t::replace), "application/json");
 }
 
 void answerError(httplib::Response& res, int status, const std::string& message) {
@@ -138,12 +147,124 @@ void widenListenBacklog(int port) {
   }
 }
 
+// The host of a Host header, without its port; IPv6 addresses keep their
+// brackets.
+std::string hostName(const std::string& host) {
+  if (!host.empty() && host.front() == '[') {
+    auto end = host.find(']');
+    return end == std::string::npos ? host : host.substr(0, end + 1);
+  }
+  return host.substr(0, host.find(':'));
+}
+
+bool isAddress(const std::string& name) {
+  unsigned char address[sizeof(in6_addr)];
+  if (name.size() > 2 && name.front() == '[' && name.back() == ']') {
+    return inet_pton(AF_INET6, name.substr(1, name.size() - 2).c_str(), address) == 1;
+  }
+  return inet_pton(AF_INET, name.c_str(), address) == 1;
+}
+
+bool sameNameIgnoringCase(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(a[i])) !=
+        std::tolower(static_cast<unsigned char>(b[i]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// A header's value for a problem line: in quotes, cut when long, bytes that
+// are not printable ASCII written as \xHH.
+std::string shownHeader(const std::string& value) {
+  constexpr std::size_t kShown = 120;
+  std::string out = "\"";
+  for (std::size_t i = 0; i < value.size() && i < kShown; ++i) {
+    const auto c = static_cast<unsigned char>(value[i]);
+    if (c >= 0x20 && c < 0x7F && c != '"' && c != '\\') {
+      out += static_cast<char>(c);
+    } else {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+      out += escaped;
+    }
+  }
+  out += "\"";
+  if (value.size() > kShown) out += "... (" + std::to_string(value.size()) + " bytes)";
+  return out;
+}
+
+// "first K of N bytes kept" for a problem line.
+std::string keptText(std::size_t kept, std::size_t length) {
+  return "first " + std::to_string(kept) + " of " + std::to_string(length) + " bytes kept";
+}
+
+// The request's Content-Length when it is a plain decimal number a size_t
+// holds; nothing when absent. `*valid` is false for anything else.
+std::optional<std::size_t> announcedLength(const httplib::Request& req, bool* valid) {
+  *valid = true;
+  if (!req.has_header("Content-Length")) return std::nullopt;
+  const std::string text = req.get_header_value("Content-Length");
+  std::size_t value = 0;
+  *valid = !text.empty() && text.size() <= 18;
+  for (char c : text) {
+    if (c < '0' || c > '9') *valid = false;
+    if (*valid) value = value * 10 + static_cast<std::size_t>(c - '0');
+  }
+  return value;
+}
+
 bool isPlainSegment(const std::string& segment) {
   return !segment.empty() && segment != "." && segment != ".." &&
          segment.find('\0') == std::string::npos && segment.find('\\') == std::string::npos;
 }
 
 }  // namespace
+
+CollectorServer::ReadBody CollectorServer::readBody(const httplib::Request& req,
+                                                    const httplib::ContentReader& reader,
+                                                    std::size_t keep, std::size_t limit) {
+  ReadBody body;
+  bool valid = true;
+  auto announced = announcedLength(req, &valid);
+  if (!valid) {
+    body.complete = false;
+    return body;
+  }
+  // A body up to twice the limit is read to its end, so that the client,
+  // which sends all of it before reading the answer, gets the answer; a
+  // larger one is not read at all.
+  const std::size_t drained = limit > SIZE_MAX / 2 ? SIZE_MAX : 2 * limit;
+  if (announced && *announced > drained) {
+    body.complete = false;
+    body.tooLarge = true;
+    body.length = *announced;
+    return body;
+  }
+  body.bytes.reserve(std::min(announced.value_or(0), keep));
+  const bool read = reader([&](const char* data, std::size_t size) {
+    if (size > drained - body.length) {
+      body.length += size;
+      return false;
+    }
+    if (body.bytes.size() < keep) body.bytes.append(data, std::min(size, keep - body.bytes.size()));
+    body.length += size;
+    return true;
+  });
+  body.complete = read;
+  body.tooLarge = body.length > limit;
+  return body;
+}
+
+void CollectorServer::closeAfterAnswer(const httplib::Request& req) {
+  // httplib answers "Connection: close" to a request that asked for it, and
+  // a client then ends the connection.
+  auto& request = const_cast<httplib::Request&>(req);
+  request.headers.erase("Connection");
+  request.headers.emplace("Connection", "close");
+}
 
 CollectorServer::CollectorServer(CollectorOptions options, CollectorStore& store,
                                  CollectorStore* reader)
@@ -180,7 +301,11 @@ bool CollectorServer::bind(std::string* error) {
     }
     return false;
   }
-  server_->set_payload_max_length(options_.maxBodyBytes);
+  // What httplib reads itself (the body of a read, which has none) stops at
+  // twice the body limit, as the post handlers' draining does.
+  server_->set_payload_max_length(
+      options_.maxBodyBytes > SIZE_MAX / 2 ? SIZE_MAX : 2 * options_.maxBodyBytes);
+  server_->set_default_headers({{"X-Content-Type-Options", "nosniff"}});
   // A connection that sends nothing (no handshake, no request) is closed
   // after two seconds, an idle kept-alive one after two more.
   server_->set_read_timeout(2, 0);
@@ -212,17 +337,30 @@ void CollectorServer::stop() {
 
 void CollectorServer::installRoutes() {
   // httplib inflates any body labelled "Content-Encoding: gzip" before a
-  // handler sees it, and refuses the request when that fails. The library
-  // sends that label on Base64 text (a fixed convention of the envelope), so
-  // the label is moved aside here, before the body is read, and checked by
+  // handler sees it, and refuses the request when that fails; it parses a
+  // body labelled as a form (refusing one over 8 KB) or as multipart. The
+  // library sends "gzip" on Base64 text (a fixed convention of the
+  // envelope), and a misconfigured client might send anything, so both
+  // labels are moved aside here, before the body is read, and checked by
   // the post handlers instead. The request object is httplib's own mutable
   // one, handed to this hook as const.
-  server_->set_pre_routing_handler([](const httplib::Request& req, httplib::Response&) {
-    if (req.has_header("Content-Encoding")) {
-      auto& request = const_cast<httplib::Request&>(req);
-      std::string label = request.get_header_value("Content-Encoding");
-      request.headers.erase("Content-Encoding");
-      request.headers.emplace(kReceivedEncodingHeader, label);
+  server_->set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+    auto& request = const_cast<httplib::Request&>(req);
+    for (auto [label, kept] : {std::pair{"Content-Encoding", kReceivedEncodingHeader},
+                               std::pair{"Content-Type", kReceivedTypeHeader}}) {
+      if (!request.has_header(label)) continue;
+      std::string value = request.get_header_value(label);
+      request.headers.erase(label);
+      request.headers.emplace(kept, std::move(value));
+    }
+    // Reads are refused here; writes in their handlers, which decide what
+    // to do with their bodies.
+    if (req.method == "GET" || req.method == "HEAD") {
+      if (auto why = refusal(req)) {
+        recordProblem(req, *why);
+        answerError(res, 403, *why);
+        return httplib::Server::HandlerResponse::Handled;
+      }
     }
     return httplib::Server::HandlerResponse::Unhandled;
   });
@@ -230,17 +368,25 @@ void CollectorServer::installRoutes() {
   server_->Get(
       R"(/mdrv/telvo/config/([^/]+)/([^/]+)/([^/]+))",
       [this](const httplib::Request& req, httplib::Response& res) { handleConfig(req, res); });
-  server_->Post("/api/hello", [this](const httplib::Request& req, httplib::Response& res) {
-    handlePost(PostKind::kHello, req, res);
-  });
-  server_->Post("/api/postEvent/batch.json",
-                [this](const httplib::Request& req, httplib::Response& res) {
-                  handlePost(PostKind::kBatch, req, res);
-                });
-  server_->Post("/api/postEvent/error",
-                [this](const httplib::Request& req, httplib::Response& res) {
-                  handlePost(PostKind::kError, req, res);
-                });
+  // Posts read their bodies themselves (httplib's own reading keeps the
+  // whole of any body, for any path), so that each is read no further than
+  // it is of use.
+  using Reading = httplib::Server::HandlerWithContentReader;
+  auto post = [this](PostKind kind) {
+    return Reading([this, kind](const httplib::Request& req, httplib::Response& res,
+                                const httplib::ContentReader& reader) {
+      handlePost(kind, req, res, reader);
+    });
+  };
+  server_->Post("/api/hello", post(PostKind::kHello));
+  server_->Post("/api/postEvent/batch.json", post(PostKind::kBatch));
+  server_->Post("/api/postEvent/error", post(PostKind::kError));
+  Reading stray([this](const httplib::Request& req, httplib::Response& res,
+                       const httplib::ContentReader& reader) { handleStray(req, res, reader); });
+  server_->Post(".*", stray);
+  server_->Put(".*", stray);
+  server_->Patch(".*", stray);
+  server_->Delete(".*", stray);
 
   inspector_.installRoutes(*server_);
 
@@ -310,35 +456,62 @@ void CollectorServer::handleConfig(const httplib::Request& req, httplib::Respons
 }
 
 void CollectorServer::handlePost(PostKind kind, const httplib::Request& req,
-                                 httplib::Response& res) {
+                                 httplib::Response& res, const httplib::ContentReader& reader) {
+  if (auto why = refusal(req)) {
+    refuse(req, res, reader, 403, *why);
+    return;
+  }
+  for (auto [name, kept] : {std::pair{"Content-Type", kReceivedTypeHeader},
+                            std::pair{"Content-Encoding", kReceivedEncodingHeader},
+                            std::pair{"Cookie", "Cookie"}}) {
+    auto value = header(req, kept);
+    if (value && !utf8::isValid(*value)) {
+      refuse(req, res, reader, 400,
+             std::string("the ") + name + " header is not UTF-8 text: " + shownHeader(*value));
+      return;
+    }
+  }
+  ReadBody body = readBody(req, reader, options_.maxBodyBytes, options_.maxBodyBytes);
+  if (!body.complete || body.tooLarge) {
+    refuseBody(req, res, body);
+    return;
+  }
   std::int64_t received = nowMs();
   PostHeaders headers;
-  headers.contentType = header(req, "Content-Type");
+  headers.contentType = header(req, kReceivedTypeHeader);
   headers.contentEncoding = header(req, kReceivedEncodingHeader);
   headers.cookie = header(req, "Cookie");
-  CheckedPost checked =
-      PostChecker::check(kind, headers, req.body, received,
-                         [this](const std::string& id) { return store_.hasSession(id); },
-                         options_.maxInflatedBytes);
+  CheckedPost checked = PostChecker::check(
+      kind, headers, body.bytes, [this](const std::string& id) { return store_.hasSession(id); },
+      options_.check);
 
   RequestRecord record;
+  record.receivedMs = received;
+  record.text = checked.text;
   Json answer = Json{{"status", "ok"}};
   if (kind == PostKind::kHello && checked.decoded) {
     SessionRow session = std::move(checked.hello);
     session.id = newSessionId();
+    session.receivedMs = received;
     session.serviceMs = received + options_.clockSkewMs;
     session.throttled = options_.throttle;
     answer = Json{{"sessionId", session.id},
                   {"timestamp", session.serviceMs},
                   {"throttled", session.throttled}};
     record.session = std::move(session);
+    record.helloJson = checked.document;
   }
+  record.sessionId = std::move(checked.sessionId);
   record.events = std::move(checked.events);
-  if (!checked.problems.empty()) record.body = req.body;
   record.error = std::move(checked.error);
+  if (!checked.problems.empty()) {
+    record.body = std::string_view(body.bytes).substr(0, options_.keepBodyBytes);
+    record.bodyLength = body.length;
+  }
   for (const std::string& problem : checked.problems) {
     record.problems.push_back(ProblemRow{0, received, req.method, req.path, problem,
-                                         PostChecker::layerOf(problem), std::nullopt});
+                                         PostChecker::layerOf(problem), std::nullopt,
+                                         std::nullopt});
     log("problem: " + problem);
   }
 
@@ -365,10 +538,67 @@ void CollectorServer::handlePost(PostKind kind, const httplib::Request& req,
   if (options_.setCookie) res.set_header("Set-Cookie", *options_.setCookie);
 }
 
+void CollectorServer::handleStray(const httplib::Request& req, httplib::Response& res,
+                                  const httplib::ContentReader& reader) {
+  if (auto why = refusal(req)) {
+    refuse(req, res, reader, 403, *why);
+    return;
+  }
+  // Read to its end (so that the connection can go on), keeping its start.
+  ReadBody body = readBody(req, reader, options_.keepStrayBodyBytes, options_.maxBodyBytes);
+  if (!body.complete || body.tooLarge) {
+    refuseBody(req, res, body, "unknown path; ");
+    return;
+  }
+  std::string description = "unknown path";
+  if (body.length > body.bytes.size()) {
+    description += " (" + keptText(body.bytes.size(), body.length) + ")";
+  }
+  recordProblem(req, description, body.bytes, body.length);
+  answerError(res, 404, "unknown path");
+}
+
+void CollectorServer::refuse(const httplib::Request& req, httplib::Response& res,
+                             const httplib::ContentReader& reader, int status,
+                             const std::string& why) {
+  // The body is read and dropped, so that the connection can go on, unless
+  // it is too large or cut short.
+  const ReadBody body = readBody(req, reader, 0, options_.maxBodyBytes);
+  if (!body.complete) closeAfterAnswer(req);
+  recordProblem(req, why);
+  answerError(res, status, why);
+}
+
+void CollectorServer::refuseBody(const httplib::Request& req, httplib::Response& res,
+                                 const ReadBody& body, const std::string& prefix) {
+  // What is left of a body cut off is never read: the connection ends with
+  // the answer.
+  if (!body.complete) closeAfterAnswer(req);
+  std::string description = prefix;
+  int status = 400;
+  if (body.tooLarge) {
+    status = 413;
+    description +=
+        "body larger than the limit of " + std::to_string(options_.maxBodyBytes) + " bytes";
+  } else {
+    description += "request could not be read (body cut short after " +
+                   std::to_string(body.length) + " bytes)";
+  }
+  const std::size_t kept = std::min(body.bytes.size(), options_.keepStrayBodyBytes);
+  if (body.length > kept) description += " (" + keptText(kept, body.length) + ")";
+  recordProblem(req, description, std::string_view(body.bytes).substr(0, kept), body.length);
+  answerError(res, status, description);
+}
+
 void CollectorServer::handleError(const httplib::Request& req, httplib::Response& res) {
   // Handlers that refuse a request set their own body and problem row; what
   // arrives here bare was refused by httplib itself.
   if (!res.body.empty()) return;
+  if (auto why = refusal(req)) {
+    recordProblem(req, *why);
+    answerError(res, 403, *why);
+    return;
+  }
   std::string description;
   switch (res.status) {
     case 404:
@@ -388,16 +618,43 @@ void CollectorServer::handleError(const httplib::Request& req, httplib::Response
       description = "refused with status " + std::to_string(res.status);
       break;
   }
-  recordProblem(req, description);
+  const std::size_t kept = std::min(req.body.size(), options_.keepStrayBodyBytes);
+  if (req.body.size() > kept) description += " (" + keptText(kept, req.body.size()) + ")";
+  recordProblem(req, description, std::string_view(req.body).substr(0, kept), req.body.size());
   answerError(res, res.status, description);
 }
 
-void CollectorServer::recordProblem(const httplib::Request& req, const std::string& description) {
+std::optional<std::string> CollectorServer::refusal(const httplib::Request& req) const {
+  if (req.has_header("Host")) {
+    const std::string host = req.get_header_value("Host");
+    const std::string name = hostName(host);
+    bool allowed = isAddress(name) || sameNameIgnoringCase(name, "localhost");
+    for (const std::string& other : options_.allowedHosts) {
+      allowed = allowed || sameNameIgnoringCase(name, other);
+    }
+    if (!allowed) {
+      return "refused: Host " + shownHeader(host) +
+             " names neither this machine's address nor localhost (give other names with "
+             "--allow-host)";
+    }
+  }
+  if (req.method != "GET" && req.method != "HEAD" && req.has_header("Origin")) {
+    return "refused: a post from a web page (Origin " + shownHeader(req.get_header_value("Origin")) +
+           "); devices send no Origin";
+  }
+  return std::nullopt;
+}
+
+void CollectorServer::recordProblem(const httplib::Request& req, const std::string& description,
+                                    std::optional<std::string_view> body,
+                                    std::size_t bodyLength) {
   log("problem: " + req.method + " " + req.path + ": " + description);
   RequestRecord record;
-  record.problems.push_back(
-      ProblemRow{0, nowMs(), req.method, req.path, description, "request", std::nullopt});
-  record.body = req.body;
+  record.receivedMs = nowMs();
+  record.problems.push_back(ProblemRow{0, record.receivedMs, req.method, req.path, description,
+                                       "request", std::nullopt, std::nullopt});
+  record.body = body;
+  record.bodyLength = bodyLength;
   std::string error;
   if (!store_.record(record, &error)) log("cannot store a problem: " + error);
 }

@@ -9,11 +9,18 @@
 //   POST /api/postEvent/batch.json    answers {"status":"ok"}
 //   POST /api/postEvent/error         answers {"status":"ok"}
 //   GET  /, /inspect/...              the inspector page and its API (Inspector)
+// Writes come only from clients: a request whose Host names a machine other
+// than localhost, an IP address or a name given in allowedHosts (a page that
+// had its own name made to resolve here), and a post that carries an Origin
+// header (a page on some web site posting here), are answered 403. Every
+// answer carries "X-Content-Type-Options: nosniff".
 // Every post is checked (PostChecker) and stored (CollectorStore), its rows in
 // one transaction. An envelope that does not decode is answered 400; an
 // unknown path 404; a body over the size limit 413; a request that cannot be
-// read (truncated) 400. Each of these leaves a problem row, so a client's
-// mistakes are visible afterwards; the collector itself never stops for them.
+// read (truncated) or a label header that is not UTF-8 400. Each of these
+// leaves a problem row with at most the first keepBodyBytes of a body that
+// was read (keepStrayBodyBytes of one that was not), so a client's mistakes
+// are visible afterwards; the collector itself never stops for them.
 //
 // Threads: serve() blocks its caller while httplib answers requests on its
 // own worker threads; stop() may be called from any thread.
@@ -27,6 +34,8 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "collector/collector_store.h"
 #include "collector/inspector.h"
@@ -36,6 +45,7 @@
 
 namespace httplib {
 class SSLServer;
+class ContentReader;
 struct Request;
 struct Response;
 }  // namespace httplib
@@ -54,9 +64,16 @@ struct CollectorOptions {
   std::optional<std::string> callback;   // wraps the hello answer as NAME( ... );
   std::optional<std::string> setCookie;  // Set-Cookie header of the hello answer
   std::size_t maxBodyBytes = 8 * 1024 * 1024;
-  // A post whose text inflates to more than this is refused as a problem.
-  std::size_t maxInflatedBytes = kDefaultMaxInflatedBytes;
+  // The most of a body kept with the problems of a post that was read...
+  std::size_t keepBodyBytes = 64 * 1024;
+  // ... and of one that was not: to an unknown path, too large, cut short.
+  std::size_t keepStrayBodyBytes = 4096;
+  // How a post's envelope and document are read (a post beyond them is
+  // refused as a problem), and how many problem lines one post keeps.
+  CheckLimits check;
   bool logRequests = true;  // one line per request on standard error
+  // Names a request's Host may give besides localhost and IP addresses.
+  std::vector<std::string> allowedHosts;
 };
 
 class CollectorServer {
@@ -89,9 +106,44 @@ class CollectorServer {
  private:
   void installRoutes();
   void handleConfig(const httplib::Request& req, httplib::Response& res);
-  void handlePost(PostKind kind, const httplib::Request& req, httplib::Response& res);
+  // What was read of a request body: its first bytes (at most what was
+  // asked to be kept) and its length so far.
+  struct ReadBody {
+    std::string bytes;
+    std::size_t length = 0;  // read so far (when too large, maybe announced)
+    bool complete = true;    // read to its end
+    bool tooLarge = false;   // longer than the limit
+  };
+  // Reads the body through `reader`, keeping its first `keep` bytes. One
+  // longer than `limit` is too large; it is still read to its end (and
+  // dropped) up to twice the limit, beyond which reading stops.
+  static ReadBody readBody(const httplib::Request& req, const httplib::ContentReader& reader,
+                           std::size_t keep, std::size_t limit);
+  // Ends the request's connection once it is answered (what is left of its
+  // body is not read).
+  static void closeAfterAnswer(const httplib::Request& req);
+
+  void handlePost(PostKind kind, const httplib::Request& req, httplib::Response& res,
+                  const httplib::ContentReader& reader);
+  // Posts (puts, patches, deletes) to any other path.
+  void handleStray(const httplib::Request& req, httplib::Response& res,
+                   const httplib::ContentReader& reader);
+  // Answers `why` with `status`, keeping nothing of the body.
+  void refuse(const httplib::Request& req, httplib::Response& res,
+              const httplib::ContentReader& reader, int status, const std::string& why);
+  // Answers a body that was too large or cut short.
+  void refuseBody(const httplib::Request& req, httplib::Response& res, const ReadBody& body,
+                  const std::string& prefix = std::string());
   void handleError(const httplib::Request& req, httplib::Response& res);
-  void recordProblem(const httplib::Request& req, const std::string& description);
+  // Why a request is refused whatever it asks for: a Host that names some
+  // other machine, or (for anything but a read) an Origin, which browsers
+  // send and devices do not. Nothing when it may go on.
+  std::optional<std::string> refusal(const httplib::Request& req) const;
+  // Stores one problem about `req`, with the part of its body that was kept
+  // (nothing: no body is kept) and the body's whole length.
+  void recordProblem(const httplib::Request& req, const std::string& description,
+                     std::optional<std::string_view> body = std::nullopt,
+                     std::size_t bodyLength = 0);
   std::string newSessionId();
   void log(const std::string& line) const;
 

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 namespace telvo::tool {
@@ -51,19 +52,24 @@ CREATE TABLE IF NOT EXISTS problems (
   layer TEXT NOT NULL DEFAULT '',
   body_id INTEGER
 );
--- The raw body of a request that left problems, once however many it left.
+-- The raw body of a request that left problems, once however many it left:
+-- its first bytes when it was longer than what is kept (length: the whole
+-- body's length; NULL in rows from before bodies were cut).
 CREATE TABLE IF NOT EXISTS request_bodies (
   id INTEGER PRIMARY KEY AUTOINCREMENT,
-  body BLOB NOT NULL
+  body BLOB NOT NULL,
+  length INTEGER
 );
 CREATE INDEX IF NOT EXISTS sessions_by_received ON sessions (received_ms);
 CREATE INDEX IF NOT EXISTS errors_by_session ON errors (session_id, id);
 )sql";
 
-// Databases made before problems kept their layer and body gain the columns.
-constexpr const char* kProblemColumns[][2] = {
-    {"layer", "ALTER TABLE problems ADD COLUMN layer TEXT NOT NULL DEFAULT ''"},
-    {"body_id", "ALTER TABLE problems ADD COLUMN body_id INTEGER"},
+// Databases made before problems kept their layer and body, and before
+// bodies were kept in part, gain the columns: {table, column, statement}.
+constexpr const char* kAddedColumns[][3] = {
+    {"problems", "layer", "ALTER TABLE problems ADD COLUMN layer TEXT NOT NULL DEFAULT ''"},
+    {"problems", "body_id", "ALTER TABLE problems ADD COLUMN body_id INTEGER"},
+    {"request_bodies", "length", "ALTER TABLE request_bodies ADD COLUMN length INTEGER"},
 };
 
 // Owns a statement prepared for one listing call.
@@ -81,6 +87,14 @@ class Statement {
 
 void bindText(sqlite3_stmt* stmt, int index, const std::string& value) {
   sqlite3_bind_text(stmt, index, value.data(), static_cast<int>(value.size()), SQLITE_TRANSIENT);
+}
+
+// Binds text that stays in place until the statement has run (the write
+// path's texts, which can be large): SQLite does not copy it.
+void bindView(sqlite3_stmt* stmt, int index, std::string_view value) {
+  // A null pointer would bind NULL, not an empty text.
+  sqlite3_bind_text64(stmt, index, value.data() ? value.data() : "", value.size(), SQLITE_STATIC,
+                      SQLITE_UTF8);
 }
 
 void bindText(sqlite3_stmt* stmt, int index, const std::optional<std::string>& value) {
@@ -186,10 +200,10 @@ bool CollectorStore::exec(const char* sql, std::string* error) {
 }
 
 bool CollectorStore::addMissingColumns(std::string* error) {
-  for (const auto& column : kProblemColumns) {
-    std::string probe = std::string("SELECT ") + column[0] + " FROM problems LIMIT 0";
+  for (const auto& column : kAddedColumns) {
+    std::string probe = std::string("SELECT ") + column[1] + " FROM " + column[0] + " LIMIT 0";
     Statement existing(db_, probe.c_str());
-    if (!existing.get() && !exec(column[1], error)) return false;
+    if (!existing.get() && !exec(column[2], error)) return false;
   }
   return true;
 }
@@ -213,7 +227,7 @@ bool CollectorStore::prepareWriters(std::string* error) {
       {&insertProblem_,
        "INSERT INTO problems (received_ms, method, path, description, layer, body_id) "
        "VALUES (?1, ?2, ?3, ?4, ?5, ?6)"},
-      {&insertBody_, "INSERT INTO request_bodies (body) VALUES (?1)"},
+      {&insertBody_, "INSERT INTO request_bodies (body, length) VALUES (?1, ?2)"},
       {&findSession_, "SELECT 1 FROM sessions WHERE id = ?1"},
   };
   for (auto& writer : writers) {
@@ -261,33 +275,35 @@ bool CollectorStore::insertRows(const RequestRecord& rows, std::string* error) {
     bindText(stmt, 12, s.deviceModel);
     bindText(stmt, 13, s.uuidToken);
     bindText(stmt, 14, s.cookie);
-    bindText(stmt, 15, s.helloJson);
+    bindView(stmt, 15, rows.helloJson);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
-  for (const EventRow& e : rows.events) {
+  for (const NewEvent& e : rows.events) {
     sqlite3_stmt* stmt = insertEvent_;
-    bindText(stmt, 1, e.sessionId);
-    bindText(stmt, 2, e.type);
-    bindText(stmt, 3, e.dataJson);
+    bindView(stmt, 1, rows.sessionId);
+    bindView(stmt, 2, e.type);
+    bindView(stmt, 3, e.dataJson);
     bindInt(stmt, 4, e.eventMs);
-    sqlite3_bind_int64(stmt, 5, e.receivedMs);
+    sqlite3_bind_int64(stmt, 5, rows.receivedMs);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
   if (rows.error) {
-    const ErrorRow& e = *rows.error;
+    const NewError& e = *rows.error;
     sqlite3_stmt* stmt = insertError_;
-    bindText(stmt, 1, e.sessionId);
+    bindView(stmt, 1, rows.sessionId);
     bindText(stmt, 2, e.application);
-    bindText(stmt, 3, e.errorCodeJson);
+    bindView(stmt, 3, e.errorCodeJson);
     bindInt(stmt, 4, e.errorMs);
-    bindText(stmt, 5, e.dataJson);
-    sqlite3_bind_int64(stmt, 6, e.receivedMs);
+    bindView(stmt, 5, e.dataJson);
+    sqlite3_bind_int64(stmt, 6, rows.receivedMs);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
   std::optional<std::int64_t> bodyId;
-  if (!rows.problems.empty()) {
-    sqlite3_bind_blob(insertBody_, 1, rows.body.data(), static_cast<int>(rows.body.size()),
-                      SQLITE_TRANSIENT);
+  if (!rows.problems.empty() && rows.body) {
+    sqlite3_bind_blob64(insertBody_, 1, rows.body->data() ? rows.body->data() : "",
+                        rows.body->size(), SQLITE_STATIC);
+    sqlite3_bind_int64(insertBody_, 2,
+                       static_cast<std::int64_t>(std::max(rows.bodyLength, rows.body->size())));
     if (!runToCompletion(db_, insertBody_, error)) return false;
     bodyId = sqlite3_last_insert_rowid(db_);
   }
@@ -570,7 +586,9 @@ std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
   std::lock_guard<std::mutex> lock(mutex_);
   Statement statement(db_,
                       "SELECT id, received_ms, method, path, description, layer, "
-                      "(SELECT length(body) FROM request_bodies WHERE id = body_id) "
+                      "(SELECT length(body) FROM request_bodies WHERE id = body_id), "
+                      "(SELECT coalesce(length, length(body)) FROM request_bodies "
+                      " WHERE id = body_id) "
                       "FROM problems WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
                       "ORDER BY id DESC LIMIT ?4");
   std::vector<ProblemRow> rows;
@@ -581,6 +599,7 @@ std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
     ProblemRow row = problemFrom(s);
     row.layer = columnText(s, 5);
     row.bodyBytes = columnOptionalInt(s, 6);
+    row.bodyLength = columnOptionalInt(s, 7);
     rows.push_back(std::move(row));
   }
   return rows;

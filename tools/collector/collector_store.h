@@ -25,6 +25,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -74,17 +75,46 @@ struct ProblemRow {
   // The length of the request's stored body (listings only); nothing when
   // none was kept (rows from before bodies were kept).
   std::optional<std::int64_t> bodyBytes;
+  // The whole body's length, of which bodyBytes were kept (listings only).
+  std::optional<std::int64_t> bodyLength;
+};
+
+// One event of a batch post as record() stores it. Its data points into the
+// post's text (RequestRecord::text keeps it alive).
+struct NewEvent {
+  std::string type;
+  std::string_view dataJson;            // eventData as it was sent
+  std::optional<std::int64_t> eventMs;  // eventData's "timestamp", when a number
+};
+
+// The report of an error post as record() stores it.
+struct NewError {
+  std::optional<std::string> application;
+  std::string_view errorCodeJson;       // "errorCode" as it was sent ("null" when absent)
+  std::optional<std::int64_t> errorMs;  // data's "timestamp", when a number
+  std::string_view dataJson;            // the whole "data" object as it was sent
 };
 
 // Everything one request leaves behind; stored in one transaction.
 struct RequestRecord {
+  std::int64_t receivedMs = 0;  // stamps the events and the error report
+  // A hello answered, with its document (which goes in as hello_json; the
+  // row's own helloJson is not used).
   std::optional<SessionRow> session;
-  std::vector<EventRow> events;
-  std::optional<ErrorRow> error;
+  std::string_view helloJson;
+  // The session of the events and the error report.
+  std::string sessionId;
+  std::vector<NewEvent> events;
+  std::optional<NewError> error;
   std::vector<ProblemRow> problems;
-  // The raw request body, as far as it was read: stored once, with the
-  // problems (none, none stored), for problemBody().
-  std::string body;
+  // The request body, as far as it is kept: stored once with the problems
+  // (none, none stored; nothing when the problems are not about a body), for
+  // problemBody(). `bodyLength` is the whole body's length, which may be
+  // more than what is kept.
+  std::optional<std::string_view> body;
+  std::size_t bodyLength = 0;
+  // Whatever the texts above point into, kept alive until the record is.
+  std::shared_ptr<const std::string> text;
 };
 
 // Selection for the listing calls: rows received at or after `sinceMs`;

@@ -134,7 +134,6 @@ void serveAsset(const std::string& name, httplib::Response& res) {
   res.set_header("Content-Security-Policy",
                  "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
                  "object-src 'none'; base-uri 'none'; frame-ancestors 'none'");
-  res.set_header("X-Content-Type-Options", "nosniff");
   res.set_header("Referrer-Policy", "no-referrer");
   res.set_content(reinterpret_cast<const char*>(asset->data), asset->size, contentType(name));
 }
@@ -228,6 +227,7 @@ void Inspector::installRoutes(httplib::Server& server) {
                  Json out = problemJson(row);
                  out["layer"] = row.layer;
                  out["bodyBytes"] = row.bodyBytes ? Json(*row.bodyBytes) : Json(nullptr);
+                 out["bodyLength"] = row.bodyLength ? Json(*row.bodyLength) : Json(nullptr);
                  rows.push_back(std::move(out));
                }
                answer(res, Json{{"problems", rows}});
@@ -243,7 +243,6 @@ void Inspector::installRoutes(httplib::Server& server) {
     }
     res.status = 200;
     res.set_header("Content-Disposition", "attachment; filename=\"problem-" + id + "-body.bin\"");
-    res.set_header("X-Content-Type-Options", "nosniff");
     res.set_content(*body, "application/octet-stream");
   });
 

@@ -1,18 +1,14 @@
 #include "collector/post_checker.h"
 
 #include <cctype>
-#include <cmath>
-#include <set>
+#include <initializer_list>
 #include <utility>
-
-#include "telvo/envelope.h"
 
 namespace telvo::tool {
 namespace {
 
-std::string compact(const Json& value) {
-  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
+// Device texts quoted in a problem line are cut to this many bytes.
+constexpr std::size_t kQuotedText = 64;
 
 const char* layerName(DecodedEnvelope::Failure failure) {
   switch (failure) {
@@ -32,21 +28,18 @@ const char* layerName(DecodedEnvelope::Failure failure) {
   return "envelope is valid";
 }
 
-// A whole number of milliseconds from a JSON number; nothing for anything
-// else (and for numbers no 64-bit integer can hold).
-std::optional<std::int64_t> milliseconds(const Json& value) {
-  if (value.is_number_integer()) return value.get<std::int64_t>();
-  if (value.is_number_unsigned()) {
-    auto v = value.get<std::uint64_t>();
-    if (v > static_cast<std::uint64_t>(INT64_MAX)) return std::nullopt;
-    return static_cast<std::int64_t>(v);
-  }
-  if (value.is_number_float()) {
-    double v = value.get<double>();
-    if (!std::isfinite(v) || std::fabs(v) > 9.0e18) return std::nullopt;
-    return std::llround(v);
-  }
-  return std::nullopt;
+// At most `length` bytes of UTF-8 `text`, not cutting a character in two.
+std::string_view headOf(std::string_view text, std::size_t length) {
+  if (text.size() <= length) return text;
+  while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
+  return text.substr(0, length);
+}
+
+// `text` in quotes for a problem line, cut when long (saying how long).
+std::string quotedText(std::string_view text) {
+  std::string out = "\"" + std::string(headOf(text, kQuotedText)) + "\"";
+  if (text.size() > kQuotedText) out += "... (" + std::to_string(text.size()) + " bytes)";
+  return out;
 }
 
 bool isUpperUuid(const std::string& text) {
@@ -62,168 +55,214 @@ bool isUpperUuid(const std::string& text) {
   return true;
 }
 
-// Collects problems with a common prefix ("batch: ", "hello: ").
+// Collects problems with a common prefix ("batch: ", "hello: "), at most
+// `limit` of them; how many more there were is added by finish().
 class Problems {
  public:
-  Problems(std::vector<std::string>* out, std::string prefix)
-      : out_(out), prefix_(std::move(prefix)) {}
-  void add(const std::string& text) { out_->push_back(prefix_ + text); }
-  // Members of `object` other than `expected`.
-  void unexpectedMembers(const Json& object, const std::set<std::string>& expected,
-                         const std::string& where) {
-    for (const auto& item : object.items()) {
-      if (!expected.count(item.key())) add("unexpected member \"" + item.key() + "\"" + where);
+  Problems(std::vector<std::string>* out, std::string prefix, std::size_t limit)
+      : out_(out), prefix_(std::move(prefix)), limit_(limit) {}
+  void add(const std::string& text) {
+    if (out_->size() < limit_) {
+      out_->push_back(prefix_ + text);
+    } else {
+      ++leftOut_;
+    }
+  }
+  void finish() {
+    if (leftOut_ > 0) {
+      out_->push_back(prefix_ + std::to_string(leftOut_) +
+                      " more problems not listed (at most " + std::to_string(limit_) +
+                      " are kept for one post)");
     }
   }
 
  private:
   std::vector<std::string>* out_;
   std::string prefix_;
+  std::size_t limit_;
+  std::size_t leftOut_ = 0;
 };
 
-std::optional<std::string> textMember(const Json& object, const char* key, Problems& problems,
-                                      bool required = true) {
-  auto it = object.find(key);
-  if (it == object.end()) {
+// The document being checked.
+struct Document {
+  std::string_view json;
+  // The text of the value at `span`, cut for a problem line.
+  std::string preview(JsonSpan span, std::size_t length = kQuotedText) const {
+    std::string_view text = json.substr(span.begin, span.size());
+    std::string out(headOf(text, length));
+    if (text.size() > length) out += "... (" + std::to_string(text.size()) + " bytes)";
+    return out;
+  }
+  JsonKind kind(JsonSpan span) const { return kindOf(json, span); }
+};
+
+// Where the members named in `names` lie in the object at `object` (the
+// last of a name counts, as in a parser), nothing for those absent. Every
+// other member is reported as unexpected when `problems` is given.
+std::vector<std::optional<JsonSpan>> findMembers(const Document& doc, JsonSpan object,
+                                                 std::initializer_list<std::string_view> names,
+                                                 Problems* problems,
+                                                 const std::string& where = std::string()) {
+  std::vector<std::optional<JsonSpan>> found(names.size());
+  forEachMember(doc.json, object, [&](std::string_view written, JsonSpan value) {
+    // Names are compared as written unless they hold escapes.
+    std::string decoded;
+    std::string_view name = written;
+    if (written.find('\\') != std::string_view::npos) {
+      decoded = decodeName(written);
+      name = decoded;
+    }
+    std::size_t i = 0;
+    for (std::string_view wanted : names) {
+      if (name == wanted) {
+        found[i] = value;
+        return;
+      }
+      ++i;
+    }
+    if (problems) problems->add("unexpected member " + quotedText(name) + where);
+  });
+  return found;
+}
+
+std::optional<std::string> textMember(const Document& doc, const std::optional<JsonSpan>& value,
+                                      const char* key, Problems& problems, bool required = true) {
+  if (!value) {
     if (required) problems.add(std::string("missing member \"") + key + "\"");
     return std::nullopt;
   }
-  if (!it->is_string()) {
+  if (doc.kind(*value) != JsonKind::kString) {
     problems.add(std::string("member \"") + key + "\" is not text");
     return std::nullopt;
   }
-  return it->get<std::string>();
+  return decodeString(doc.json, *value);
 }
 
 // "sessionId" of a batch or error post: text naming a session handed out.
-std::string sessionMember(const Json& document, Problems& problems,
-                          const PostChecker::SessionLookup& knownSession) {
-  auto it = document.find("sessionId");
-  if (it == document.end()) {
+// The id as stored.
+std::string sessionMember(const Document& doc, const std::optional<JsonSpan>& value,
+                          Problems& problems, const PostChecker::SessionLookup& knownSession,
+                          std::size_t maxLength) {
+  if (!value) {
     problems.add("missing member \"sessionId\"");
     return std::string();
   }
-  if (!it->is_string()) {
-    problems.add("member \"sessionId\" is not text: " + compact(*it));
-    return compact(*it);
+  if (doc.kind(*value) != JsonKind::kString) {
+    problems.add("member \"sessionId\" is not text: " + doc.preview(*value));
+    return doc.preview(*value, maxLength);
   }
-  std::string id = it->get<std::string>();
+  std::string id = decodeString(doc.json, *value);
   if (id.empty()) {
     problems.add("empty session id (sent before the hello was answered)");
-  } else if (knownSession && !knownSession(id)) {
-    problems.add("unknown session id \"" + id + "\"");
+  } else if (id.size() > maxLength || (knownSession && !knownSession(id))) {
+    problems.add("unknown session id " + quotedText(id));
+  }
+  if (id.size() > maxLength) {
+    problems.add("session id of " + std::to_string(id.size()) + " bytes stored cut to its first " +
+                 std::to_string(maxLength));
+    id = std::string(headOf(id, maxLength));
   }
   return id;
 }
 
-void checkHello(const Json& document, std::int64_t receivedMs, CheckedPost& out) {
-  Problems problems(&out.problems, "hello: ");
+void checkHello(const Document& doc, JsonSpan document, Problems& problems, CheckedPost& out) {
   SessionRow& row = out.hello;
-  row.receivedMs = receivedMs;
-  row.helloJson = compact(document);
-  row.property = textMember(document, "propertyName", problems);
-  row.application = textMember(document, "applicationName", problems);
-  row.applicationVersion = textMember(document, "applicationVersion", problems);
-  row.platform = textMember(document, "platformName", problems);
-  row.deviceType = textMember(document, "deviceType", problems);
-  row.deviceVersion = textMember(document, "deviceVersion", problems);
-  row.clientDeviceId = textMember(document, "clientDeviceId", problems);
-  row.deviceModel = textMember(document, "deviceModel", problems);
-  row.uuidToken = textMember(document, "telvoUUIDToken", problems, /*required=*/false);
+  auto m = findMembers(doc, document,
+                       {"propertyName", "applicationName", "applicationVersion", "platformName",
+                        "deviceType", "deviceVersion", "clientDeviceId", "deviceModel",
+                        "telvoUUIDToken"},
+                       &problems);
+  row.property = textMember(doc, m[0], "propertyName", problems);
+  row.application = textMember(doc, m[1], "applicationName", problems);
+  row.applicationVersion = textMember(doc, m[2], "applicationVersion", problems);
+  row.platform = textMember(doc, m[3], "platformName", problems);
+  row.deviceType = textMember(doc, m[4], "deviceType", problems);
+  row.deviceVersion = textMember(doc, m[5], "deviceVersion", problems);
+  row.clientDeviceId = textMember(doc, m[6], "clientDeviceId", problems);
+  row.deviceModel = textMember(doc, m[7], "deviceModel", problems);
+  row.uuidToken = textMember(doc, m[8], "telvoUUIDToken", problems, /*required=*/false);
   if (row.deviceType && *row.deviceType != "settop") {
-    problems.add("\"deviceType\" is \"" + *row.deviceType + "\", not \"settop\"");
+    problems.add("\"deviceType\" is " + quotedText(*row.deviceType) + ", not \"settop\"");
   }
   if (row.clientDeviceId && !isUpperUuid(*row.clientDeviceId)) {
-    problems.add("\"clientDeviceId\" \"" + *row.clientDeviceId +
-                 "\" is not an upper-case UUID (8-4-4-4-12)");
+    problems.add("\"clientDeviceId\" " + quotedText(*row.clientDeviceId) +
+                 " is not an upper-case UUID (8-4-4-4-12)");
   }
-  problems.unexpectedMembers(
-      document,
-      {"propertyName", "applicationName", "applicationVersion", "platformName", "deviceType",
-       "deviceVersion", "clientDeviceId", "deviceModel", "telvoUUIDToken"},
-      "");
 }
 
-void checkBatch(const Json& document, std::int64_t receivedMs,
-                const PostChecker::SessionLookup& knownSession, CheckedPost& out) {
-  Problems problems(&out.problems, "batch: ");
-  std::string session = sessionMember(document, problems, knownSession);
-  problems.unexpectedMembers(document, {"sessionId", "events"}, "");
-  auto events = document.find("events");
-  if (events == document.end()) {
+void checkBatch(const Document& doc, JsonSpan document, Problems& problems,
+                const PostChecker::SessionLookup& knownSession, const CheckLimits& limits,
+                CheckedPost& out) {
+  auto m = findMembers(doc, document, {"sessionId", "events"}, &problems);
+  out.sessionId = sessionMember(doc, m[0], problems, knownSession, limits.maxSessionIdLength);
+  if (!m[1]) {
     problems.add("missing member \"events\"");
     return;
   }
-  if (!events->is_array()) {
+  if (doc.kind(*m[1]) != JsonKind::kArray) {
     problems.add("member \"events\" is not an array");
     return;
   }
-  if (events->empty()) problems.add("empty \"events\" array (the library never sends one)");
-  for (std::size_t i = 0; i < events->size(); ++i) {
-    const Json& element = (*events)[i];
-    std::string where = " in events[" + std::to_string(i) + "]";
-    if (!element.is_object()) {
-      problems.add("events[" + std::to_string(i) + "] is not an object");
-      continue;
+  std::size_t i = 0;
+  forEachElement(doc.json, *m[1], [&](JsonSpan element) {
+    const std::string index = "events[" + std::to_string(i++) + "]";
+    if (doc.kind(element) != JsonKind::kObject) {
+      problems.add(index + " is not an object");
+      return;
     }
-    problems.unexpectedMembers(element, {"eventType", "eventData"}, where);
-    auto type = element.find("eventType");
-    if (type == element.end() || !type->is_string()) {
-      problems.add("events[" + std::to_string(i) + "] has no text \"eventType\"; not stored");
-      continue;
+    const std::string where = " in " + index;
+    auto e = findMembers(doc, element, {"eventType", "eventData"}, &problems, where);
+    if (!e[0] || doc.kind(*e[0]) != JsonKind::kString) {
+      problems.add(index + " has no text \"eventType\"; not stored");
+      return;
     }
-    EventRow row;
-    row.sessionId = session;
-    row.type = type->get<std::string>();
-    row.receivedMs = receivedMs;
-    auto data = element.find("eventData");
-    if (data == element.end()) {
+    NewEvent row;
+    row.type = decodeString(doc.json, *e[0]);
+    if (!e[1]) {
       problems.add("missing member \"eventData\"" + where);
       row.dataJson = "{}";
     } else {
-      row.dataJson = compact(*data);
-      if (!data->is_object()) {
+      row.dataJson = doc.json.substr(e[1]->begin, e[1]->size());
+      if (doc.kind(*e[1]) != JsonKind::kObject) {
         problems.add("\"eventData\"" + where + " is not an object");
-      } else if (auto stamp = data->find("timestamp"); stamp != data->end()) {
-        row.eventMs = milliseconds(*stamp);
+      } else if (auto stamp = findMembers(doc, *e[1], {"timestamp"}, nullptr)[0]) {
+        if (doc.kind(*stamp) == JsonKind::kNumber) row.eventMs = wholeMilliseconds(doc.json, *stamp);
         if (!row.eventMs) problems.add("\"timestamp\"" + where + " is not a number");
       }
     }
     out.events.push_back(std::move(row));
-  }
+  });
+  if (i == 0) problems.add("empty \"events\" array (the library never sends one)");
 }
 
-void checkError(const Json& document, std::int64_t receivedMs,
-                const PostChecker::SessionLookup& knownSession, CheckedPost& out) {
-  Problems problems(&out.problems, "error: ");
-  std::string session = sessionMember(document, problems, knownSession);
-  problems.unexpectedMembers(document, {"sessionId", "data"}, "");
-  auto data = document.find("data");
-  if (data == document.end()) {
+void checkError(const Document& doc, JsonSpan document, Problems& problems,
+                const PostChecker::SessionLookup& knownSession, const CheckLimits& limits,
+                CheckedPost& out) {
+  auto m = findMembers(doc, document, {"sessionId", "data"}, &problems);
+  out.sessionId = sessionMember(doc, m[0], problems, knownSession, limits.maxSessionIdLength);
+  if (!m[1]) {
     problems.add("missing member \"data\"");
     return;
   }
-  if (!data->is_object()) {
+  const JsonSpan data = *m[1];
+  if (doc.kind(data) != JsonKind::kObject) {
     problems.add("member \"data\" is not an object");
     return;
   }
-  ErrorRow row;
-  row.sessionId = session;
-  row.receivedMs = receivedMs;
-  row.dataJson = compact(*data);
-  row.application = textMember(*data, "applicationName", problems);
-  auto code = data->find("errorCode");
-  if (code == data->end()) {
+  NewError row;
+  row.dataJson = doc.json.substr(data.begin, data.size());
+  auto d = findMembers(doc, data, {"applicationName", "errorCode", "timestamp"}, nullptr);
+  row.application = textMember(doc, d[0], "applicationName", problems);
+  if (!d[1]) {
     problems.add("missing member \"errorCode\" in \"data\"");
     row.errorCodeJson = "null";
   } else {
-    row.errorCodeJson = compact(*code);
+    row.errorCodeJson = doc.json.substr(d[1]->begin, d[1]->size());
   }
-  auto stamp = data->find("timestamp");
-  if (stamp == data->end()) {
+  if (!d[2]) {
     problems.add("missing member \"timestamp\" in \"data\"");
   } else {
-    row.errorMs = milliseconds(*stamp);
+    if (doc.kind(*d[2]) == JsonKind::kNumber) row.errorMs = wholeMilliseconds(doc.json, *d[2]);
     if (!row.errorMs) problems.add("\"timestamp\" in \"data\" is not a number");
   }
   out.error = std::move(row);
@@ -246,61 +285,58 @@ const char* PostChecker::layerOf(const std::string& problem) {
 }
 
 CheckedPost PostChecker::check(PostKind kind, const PostHeaders& headers, std::string_view body,
-                               std::int64_t receivedMs, const SessionLookup& knownSession,
-                               std::size_t maxInflatedBytes) {
+                               const SessionLookup& knownSession, const CheckLimits& limits) {
   CheckedPost out;
   const char* label = kind == PostKind::kHello   ? "hello: "
                       : kind == PostKind::kBatch ? "batch: "
                                                  : "error: ";
+  Problems problems(&out.problems, label, limits.maxProblems);
   // A hello that carries the remembered cookie has had its header fields
   // replaced by the Cookie field alone, so the two labels are absent by design.
   bool labelsExpected = !(kind == PostKind::kHello && headers.cookie);
   if (labelsExpected) {
     if (headers.contentType != std::string(kEnvelopeContentType)) {
-      out.problems.push_back(std::string(label) + "Content-Type is " +
-                             (headers.contentType ? "\"" + *headers.contentType + "\"" : "absent") +
-                             ", expected \"" + kEnvelopeContentType + "\"");
+      problems.add(std::string("Content-Type is ") +
+                   (headers.contentType ? quotedText(*headers.contentType) : "absent") +
+                   ", expected \"" + kEnvelopeContentType + "\"");
     }
     if (headers.contentEncoding != std::string(kEnvelopeContentEncoding)) {
-      out.problems.push_back(
-          std::string(label) + "Content-Encoding is " +
-          (headers.contentEncoding ? "\"" + *headers.contentEncoding + "\"" : "absent") +
-          ", expected \"" + kEnvelopeContentEncoding + "\"");
+      problems.add(std::string("Content-Encoding is ") +
+                   (headers.contentEncoding ? quotedText(*headers.contentEncoding) : "absent") +
+                   ", expected \"" + kEnvelopeContentEncoding + "\"");
     }
   }
 
-  DecodedEnvelope envelope;
-  try {
-    envelope = decodeTelvoJsonParameter(body, maxInflatedBytes);
-  } catch (const std::exception& e) {
-    envelope.failure = DecodedEnvelope::Failure::kJson;
-    envelope.message = e.what();
-  }
+  ReadEnvelope envelope = readEnvelope(body, limits.envelope);
+  out.text = envelope.text;
   if (!envelope.ok()) {
-    std::string text = std::string(label) + layerName(envelope.failure);
+    std::string text = layerName(envelope.failure);
     if (!envelope.message.empty()) text += " (" + envelope.message + ")";
-    out.problems.push_back(std::move(text));
+    problems.add(text);
+    problems.finish();
     return out;
   }
-  if (!envelope.document.is_object()) {
-    out.problems.push_back(std::string(label) + "document is not a JSON object: " +
-                           compact(envelope.document).substr(0, 200));
+  const Document doc{envelope.json};
+  if (doc.kind(envelope.document) != JsonKind::kObject) {
+    problems.add("document is not a JSON object: " + doc.preview(envelope.document, 200));
+    problems.finish();
     return out;
   }
   out.decoded = true;
-  out.document = std::move(envelope.document);
+  out.document = envelope.json.substr(envelope.document.begin, envelope.document.size());
   switch (kind) {
     case PostKind::kHello:
-      checkHello(out.document, receivedMs, out);
+      checkHello(doc, envelope.document, problems, out);
       out.hello.cookie = headers.cookie;
       break;
     case PostKind::kBatch:
-      checkBatch(out.document, receivedMs, knownSession, out);
+      checkBatch(doc, envelope.document, problems, knownSession, limits, out);
       break;
     case PostKind::kError:
-      checkError(out.document, receivedMs, knownSession, out);
+      checkError(doc, envelope.document, problems, knownSession, limits, out);
       break;
   }
+  problems.finish();
   return out;
 }
 

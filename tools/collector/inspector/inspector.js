@@ -308,8 +308,10 @@ function errorRow(e) {
 function problemRow(p) {
   const body = el('td');
   if (p.bodyBytes > 0) {
+    const size = p.bodyLength > p.bodyBytes ? `first ${p.bodyBytes} of ${p.bodyLength} bytes`
+                                            : `${p.bodyBytes} bytes`;
     body.append(el('a', {href: `/inspect/api/problems/${encodeURIComponent(p.id)}/body`,
-                         download: `problem-${p.id}-body.bin`, text: `download (${p.bodyBytes} bytes)`}));
+                         download: `problem-${p.id}-body.bin`, text: `download (${size})`}));
   } else {
     body.textContent = p.bodyBytes === 0 ? 'empty' : '–';
   }
