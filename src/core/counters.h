@@ -35,7 +35,9 @@ struct Counters {
       eventsDroppedUnwritable, eventsDroppedRefused, eventsPosted, eventsFailed;
   Counter errorsAccepted, errorsDropped, errorsSent, errorsFailed;
   Counter postsMade, postsFailed;
-  Counter retries, spooled, replayed, spoolDroppedOldest, spoolCorrupt;
+  // spoolCorrupt: records the replay could not read (the spool counts the
+  // ones torn on disk itself).
+  Counter retries, spooled, replayed, spoolCorrupt;
 
   Stats snapshot() const {
     Stats stats;
@@ -59,7 +61,6 @@ struct Counters {
     stats.retries = retries.get();
     stats.spooled = spooled.get();
     stats.replayed = replayed.get();
-    stats.spoolDroppedOldest = spoolDroppedOldest.get();
     stats.spoolCorrupt = spoolCorrupt.get();
     stats.errorsAccepted = errorsAccepted.get();
     stats.eventsAccepted = eventsAccepted.get();

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "core/telvo_impl.h"
+#include "platform/schedule_once.h"
 #include "telvo/log.h"
 
 namespace telvo {
@@ -98,7 +99,6 @@ void Telvo::Impl::retryAfter(double wait, std::function<void()> action) {
     std::function<void()> run;
     {
       std::lock_guard<std::mutex> lock(impl.retryMutex);
-      if (impl.retryTimer) impl.retryTimer->invalidate();
       impl.retryTimer.reset();
       run = std::move(impl.retryAction);
       impl.retryAction = nullptr;
@@ -112,7 +112,7 @@ void Telvo::Impl::retryAfter(double wait, std::function<void()> action) {
     // One action waits at a time: a start-up retry and a post's never
     // overlap (posts need the session the start-up gives).
     retryAction = std::move(action);
-    retryTimer = platform.mainQueue->scheduleRepeating(wait, fire);
+    retryTimer = scheduleOnce(*platform.mainQueue, wait, fire);
   }
   if (previous) previous->invalidate();
 }

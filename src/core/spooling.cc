@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "core/telvo_impl.h"
+#include "platform/schedule_once.h"
 #include "delivery/batch_payload.h"
 #include "encoding/field_text.h"
 #include "encoding/json_text.h"
@@ -48,18 +49,13 @@ bool Telvo::Impl::openSpool(std::string* error) {
   spoolOptions.maxBytes = options.maxSpoolBytes;
   spool = delivery::openFileSpool(options.spoolPath, spoolOptions, error);
   if (!spool) return false;
-  const auto counts = spool->counts();
-  spoolLeftOver = counts.records;
-  counters.spoolCorrupt.add(counts.corruptSkipped);
+  spoolLeftOver = spool->counts().records;
   return true;
 }
 
 void Telvo::Impl::scheduleSpoolPass() {
   std::weak_ptr<Telvo> weak = self();
-  auto timer = std::make_shared<std::shared_ptr<Timer>>();
-  *timer = platform.mainQueue->scheduleRepeating(kSpoolSeconds, [weak, timer] {
-    if (*timer) (*timer)->invalidate();
-    timer->reset();
+  scheduleOnce(*platform.mainQueue, kSpoolSeconds, [weak] {
     auto client = weak.lock();
     if (!client) return;
     {
@@ -103,16 +99,35 @@ void Telvo::Impl::spoolPending() {
   }
   if (records.empty()) return;
   // Written without the lock: callers go on meanwhile, only appending (no
-  // drain runs, drainMutex is held), so the positions stay right.
-  if (!spool->append(records)) {
-    log("Telvo: " + std::to_string(records.size()) +
-        " event(s) could not be written to the spool; they wait in memory only");
-    return;
+  // drain runs, drainMutex is held), so the positions stay right. In parts
+  // of at most a quarter of the bound, since one write is kept whole or not
+  // at all, and the bound drops the oldest parts first.
+  const std::size_t partBytes = std::max<std::size_t>(options.maxSpoolBytes / 4, 1);
+  std::size_t failed = 0;
+  for (std::size_t begin = 0; begin < records.size();) {
+    std::size_t end = begin, bytes = 0;
+    while (end < records.size() && (end == begin || bytes + records[end].body.size() +
+                                                            records[end].session.size() <=
+                                                        partBytes)) {
+      bytes += records[end].body.size() + records[end].session.size();
+      ++end;
+    }
+    std::vector<delivery::SpooledRecord> part(std::make_move_iterator(records.begin() + begin),
+                                              std::make_move_iterator(records.begin() + end));
+    if (spool->append(part)) {
+      counters.spooled.add(part.size());
+      std::lock_guard<std::mutex> lock(pendingMutex);
+      for (std::size_t k = 0; k < part.size(); ++k) {
+        pending[positions[begin + k]].spoolSequence = part[k].sequence;
+      }
+    } else {
+      failed += part.size();
+    }
+    begin = end;
   }
-  counters.spooled.add(records.size());
-  std::lock_guard<std::mutex> lock(pendingMutex);
-  for (std::size_t k = 0; k < records.size(); ++k) {
-    pending[positions[k]].spoolSequence = records[k].sequence;
+  if (failed > 0) {
+    log("Telvo: " + std::to_string(failed) +
+        " event(s) could not be written to the spool; they wait in memory only");
   }
 }
 

@@ -233,7 +233,16 @@ std::vector<Event> Telvo::batch() const {
   return _impl->queue.copy();
 }
 void Telvo::setBatch(std::vector<Event> batch) { _impl->replaceBatch(batch); }
-Stats Telvo::stats() const { return _impl->counters.snapshot(); }
+Stats Telvo::stats() const {
+  Stats stats = _impl->counters.snapshot();
+  if (_impl->spool) {
+    // What the spool itself dropped or found damaged since it was opened.
+    const auto counts = _impl->spool->counts();
+    stats.spoolDroppedOldest = counts.droppedOldest;
+    stats.spoolCorrupt += counts.corruptSkipped;
+  }
+  return stats;
+}
 const ClientOptions& Telvo::options() const { return _impl->options; }
 void Telvo::networkAvailable() {
   if (core::stopped()) return;

@@ -199,6 +199,18 @@ TEST(Retrying, AFailedPostIsSentAgainAndOthersWaitTheirTurn) {
   EXPECT_EQ(stats.eventsQueued, 0u);
 }
 
+TEST(Retrying, AClientReleasedWhileARetryWaitsLeavesNoTimerBehind) {
+  VirtualPlatform platform;
+  auto client = retryingClient(platform);
+  platform.transport->fail(0);
+  EXPECT_EQ(platform.main->activeTimerCount(), 1u);
+  client.reset();
+  platform.main->advance(30);
+  platform.settle();
+  EXPECT_EQ(platform.main->activeTimerCount(), 0u);
+  EXPECT_EQ(platform.transport->count(), 1u);
+}
+
 TEST(Retrying, OffByDefaultNothingIsKeptOrRepeated) {
   VirtualPlatform platform;
   auto client = Telvo::create(testConfig(), "web", "prod", platform.record());

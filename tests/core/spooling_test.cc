@@ -119,6 +119,21 @@ TEST_F(SpoolingTest, EventsFromBeforeAnySessionTakeTheFirstOneAndItsClock) {
   EXPECT_EQ(replayed["events"][0]["eventData"]["timestamp"], 1700000000500 - 4000);
 }
 
+TEST_F(SpoolingTest, ItsBoundDropsTheOldestAndSaysSo) {
+  VirtualPlatform platform;
+  ClientOptions bounded = options();
+  bounded.maxSpoolBytes = 16 * 1024;
+  auto client = Telvo::create(testConfig(), "web", "prod", platform.record(), bounded);
+  for (int i = 0; i < 200; ++i) client->sendEvent("e", {{"pad", std::string(200, 'x')}, {"i", i}});
+  platform.main->advance(1.0);
+  platform.settle();
+  const Stats stats = client->stats();
+  EXPECT_EQ(stats.spooled, 200u);
+  EXPECT_GT(stats.spoolDroppedOldest, 0u);
+  // In memory they are all still there.
+  EXPECT_EQ(stats.eventsQueued, 200u);
+}
+
 TEST_F(SpoolingTest, OneClientPerFolderAndProcess) {
   VirtualPlatform platform;
   auto first = make(platform);
