@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <filesystem>
 #include <limits>
 #include <mutex>
 #include <string>
@@ -227,6 +228,39 @@ TEST(CApi, AClientMadeThroughItDeliversToTheService) {
   telvo_client_release(client);
   EXPECT_EQ(telvo_shutdown(3000), TELVO_OK);
   telvo_set_log_sink(nullptr, nullptr);
+}
+
+TEST(CApi, TheRetryingDeliveryAndItsSpoolAreOptionsToo) {
+  char folder[] = "/tmp/telvo-capi-spool-XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  const std::string spool = std::string(folder) + "/spool";
+  telvo_config* config = playerConfig("https://127.0.0.1:1/config/");  // nothing listens
+  telvo_client_options options;
+  ASSERT_EQ(telvo_client_options_init(&options), TELVO_OK);
+  EXPECT_EQ(options.retry, 0);
+  options.retry = 1;
+  options.spool_path = spool.c_str();
+  options.retry_initial_seconds = -1;
+  telvo_client* client = nullptr;
+  EXPECT_EQ(telvo_client_create_with_options(config, "web", "prod", &options, &client),
+            TELVO_ERROR_INVALID_ARGUMENT);
+  options.retry_initial_seconds = 0;  // the default
+  ASSERT_EQ(telvo_client_create_with_options(config, "web", "prod", &options, &client), TELVO_OK);
+  // Kept before initialisation, as the retrying delivery does.
+  EXPECT_EQ(telvo_send_event(client, "boot", "{}"), TELVO_OK);
+  telvo_stats stats;
+  ASSERT_EQ(telvo_client_stats(client, &stats), TELVO_OK);
+  EXPECT_EQ(stats.events_accepted, 1u);
+  EXPECT_EQ(telvo_network_available(client), TELVO_OK);
+  // The folder is this client's: a second one is refused, saying why.
+  telvo_client* second = nullptr;
+  EXPECT_EQ(telvo_client_create_with_options(config, "web", "prod", &options, &second),
+            TELVO_ERROR_INVALID_ARGUMENT);
+  EXPECT_NE(std::string(telvo_last_error_message()).find(spool), std::string::npos)
+      << telvo_last_error_message();
+  telvo_client_release(client);
+  telvo_config_release(config);
+  std::filesystem::remove_all(folder);
 }
 
 TEST(CApi, TheInitialisedCallbackRunsOnceWithItsClientAndUserData) {
