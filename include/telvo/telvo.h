@@ -6,8 +6,9 @@
 // session id, a throttling flag and the service's clock, and from then on the
 // client is initialised. Events are stamped with the service's time, queued in
 // memory and posted in batches (on a repeating timer, or every `batchAmount`
-// events); errors are posted at once. Nothing is retried and nothing is kept
-// on disk except the service's cookie.
+// events); errors are posted at once. By default nothing is retried and
+// nothing is kept on disk except the service's cookie; ClientOptions::retry
+// and spoolPath (client_options.h) opt into retries and a disk spool.
 //
 //   auto config = std::make_shared<telvo::TelvoConfig>(...);
 //   auto client = telvo::Telvo::create(config, "property", "production");
