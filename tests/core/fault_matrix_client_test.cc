@@ -29,6 +29,8 @@ Json goodSection() {
 
 class ClientFaultMatrix : public ::testing::Test {
  protected:
+  // The handlers read the members below: the server's threads end first.
+  ~ClientFaultMatrix() override { server_.stop(); }
   void SetUp() override {
     server_.route("GET", "/config/Player/den/telvoanalytics.json",
                   [this](const httplib::Request&, httplib::Response& response) {

@@ -52,7 +52,12 @@ class LocalService {
       });
     }
   }
-  ~LocalService() { release(); }
+  // Handlers still waiting read the members below: wake them, then let the
+  // server join its threads before any member goes.
+  ~LocalService() {
+    release();
+    server_.stop();
+  }
 
   // Posts (hellos included) from now on are held until release().
   void hold() { hold_ = true; }
