@@ -2,7 +2,9 @@
 // the request body the library sends, and a body back into its document.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -18,6 +20,11 @@
 
 namespace telvo::tool {
 namespace {
+
+// The largest inflate limit the tool takes: 1 TiB, or what a size can hold
+// on a 32-bit device.
+constexpr std::size_t kMaxInflatedLimit =
+    static_cast<std::size_t>(std::min<std::uint64_t>(std::uint64_t{1} << 40, SIZE_MAX));
 
 struct CodecOptions {
   std::string file = "-";
@@ -126,7 +133,7 @@ const bool decodeRegistered = registerCommand(11, [](CLI::App& app) {
   cmd->add_option("--max-inflated", options->maxInflated,
                   "Refuse a body whose text inflates to more than this many bytes")
       ->capture_default_str()
-      ->check(CLI::Range(std::size_t{1}, std::size_t{1} << 40));
+      ->check(CLI::Range(std::size_t{1}, kMaxInflatedLimit));
   return Command{cmd, [options] { return runDecode(*options); }};
 });
 

@@ -21,7 +21,7 @@ bool Telvo::Impl::acceptsErrorReport(const Json& code) {
     return false;
   }
   if (pendingReports.load(std::memory_order_relaxed) >=
-      static_cast<std::int64_t>(std::min<std::size_t>(options.maxPendingErrorReports, INT64_MAX))) {
+      static_cast<std::int64_t>(std::min<std::uint64_t>(options.maxPendingErrorReports, INT64_MAX))) {
     counters.errorsDropped.add();
     reportsFull.drop("Telvo: " + std::to_string(options.maxPendingErrorReports) +
                      " error reports wait to be sent: new ones are dropped and counted until "

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <ctime>
 
+#include "encoding/civil_time.h"
 #include "encoding/cookie_rules.h"
 #include "encoding/text.h"
 
@@ -152,16 +152,8 @@ std::optional<double> parseCookieDate(const std::string& text) {
   if (day < 1 || day > 31 || year < 1601 || hour > 23 || minute > 59 || second > 59) {
     return std::nullopt;
   }
-  std::tm tm{};
-  tm.tm_year = year - 1900;
-  tm.tm_mon = month - 1;
-  tm.tm_mday = day;
-  tm.tm_hour = hour;
-  tm.tm_min = minute;
-  tm.tm_sec = second;
-  std::time_t t = timegm(&tm);
-  if (tm.tm_mday != day) return std::nullopt;  // 31 April and the like
-  return static_cast<double>(t);
+  if (day > civil::daysInMonth(year, month)) return std::nullopt;  // 31 April and the like
+  return static_cast<double>(civil::secondsFromCivil(year, month, day, hour, minute, second));
 }
 
 }  // namespace

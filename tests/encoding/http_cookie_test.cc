@@ -66,6 +66,19 @@ TEST_F(CookieTest, CookieDatesFollowTheLenientAlgorithm) {
   }
   // 31 April does not exist: the attribute is ignored.
   EXPECT_FALSE(parse({{"Set-Cookie", "a=1; Expires=31 Apr 2026 00:00:00"}})[0].expiresDate());
+
+  // Exact on either side of a 32-bit time_t's range, leap days included.
+  const std::pair<const char*, double> exact[] = {
+      {"Tue, 19 Jan 2038 03:14:08 GMT", 2147483648.0},
+      {"Fri, 01 Jan 2100 00:00:00 GMT", 4102444800.0},
+      {"Tue, 29 Feb 2000 00:00:00 GMT", 951782400.0},
+      {"Mon, 01 Jan 1601 00:00:00 GMT", -11644473600.0},
+  };
+  for (const auto& [date, seconds] : exact) {
+    EXPECT_EQ(parse({{"Set-Cookie", std::string("a=1; Expires=") + date}})[0].expiresDate(), seconds)
+        << date;
+  }
+  EXPECT_FALSE(parse({{"Set-Cookie", "a=1; Expires=29 Feb 2100 00:00:00"}})[0].expiresDate());
 }
 
 TEST_F(CookieTest, PropertiesRoundTripAndMakeOneCookieField) {

@@ -3,7 +3,8 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
+
+#include "encoding/civil_time.h"
 
 namespace telvo::tool {
 namespace {
@@ -49,13 +50,18 @@ std::string formatIsoTime(std::int64_t ms) {
     fraction += 1000;
     seconds -= 1;
   }
-  std::time_t t = static_cast<std::time_t>(seconds);
-  std::tm tm{};
-  if (!gmtime_r(&t, &tm)) return std::to_string(ms);
+  std::int64_t days = seconds / 86400;
+  std::int64_t inDay = seconds % 86400;
+  if (inDay < 0) {
+    inDay += 86400;
+    days -= 1;
+  }
+  const civil::Date date = civil::civilFromDays(days);
   char text[96];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900,
-                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-                static_cast<int>(fraction));
+  std::snprintf(text, sizeof text, "%04lld-%02d-%02dT%02d:%02d:%02d.%03dZ",
+                static_cast<long long>(date.year), date.month, date.day,
+                static_cast<int>(inDay / 3600), static_cast<int>(inDay / 60 % 60),
+                static_cast<int>(inDay % 60), static_cast<int>(fraction));
   return text;
 }
 
@@ -108,15 +114,9 @@ std::optional<std::int64_t> parseTime(const std::string& text) {
   if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60) {
     return std::nullopt;
   }
-  std::tm tm{};
-  tm.tm_year = year - 1900;
-  tm.tm_mon = month - 1;
-  tm.tm_mday = day;
-  tm.tm_hour = hour;
-  tm.tm_min = minute;
-  tm.tm_sec = second;
-  std::time_t t = timegm(&tm);
-  return (static_cast<std::int64_t>(t) - offsetMinutes * 60LL) * 1000 + millis;
+  // Days past the month's end run on into the next month.
+  const std::int64_t seconds = civil::secondsFromCivil(year, month, day, hour, minute, second);
+  return (seconds - offsetMinutes * 60LL) * 1000 + millis;
 }
 
 }  // namespace telvo::tool
