@@ -33,7 +33,18 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "libcurl4-openssl-dev | libcurl-dev, zlib1g-dev, nlohmann-json3-dev (>= 3.9)")
+if(CMAKE_CROSSCOMPILING)
+  # dpkg-shlibdeps reads the dpkg database, which holds no package of a
+  # target's sysroot: the run-time dependencies are written out instead,
+  # the ones it finds for this machine.
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${TELVO_DEB_ARCHITECTURE})
+  string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS
+    ", libc6 (>= 2.34), libcpp-httplib0.11 (>= 0.11.4+ds), libcurl4 (>= 7.68.0)"
+    ", libgcc-s1 (>= 3.0), libsqlite3-0 (>= 3.8.7), libssl3 (>= 3.0.0), libstdc++6 (>= 12)"
+    ", zlib1g (>= 1:1.2.0)")
+else()
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+endif()
 include(CPack)

@@ -14,6 +14,14 @@ packages=(
   chromium fonts-dejavu-core
 )
 
+# scripts/deps.sh ARCH (arm64 | armhf) adds Debian's cross compiler for that
+# architecture and qemu-user, which runs what it builds.
+case "${1:-}" in
+  arm64|armhf) packages+=("crossbuild-essential-$1" qemu-user) ;;
+  "") ;;
+  *) echo "deps: unknown architecture $1" >&2; exit 2 ;;
+esac
+
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then

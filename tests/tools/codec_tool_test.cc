@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/launcher.h"
 #include "telvo/base64.h"
 #include "telvo/envelope.h"
 #include "telvo/gzip.h"
@@ -63,12 +64,13 @@ class CodecToolTest : public ::testing::Test {
     posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    args.insert(args.begin(), TELVO_TOOL_PATH);
+    const auto command = telvo::test::launchCommand(TELVO_TOOL_PATH);
+    args.insert(args.begin(), command.begin(), command.end());
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, TELVO_TOOL_PATH, &actions, nullptr, argv.data(), environ);
+    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     ToolRun result;
     if (spawned != 0) return result;

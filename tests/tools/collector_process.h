@@ -20,6 +20,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/launcher.h"
+
 extern char** environ;
 
 namespace telvo::testing {
@@ -72,7 +74,12 @@ inline std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds timeo
 inline pid_t spawnProgram(const std::string& program, const std::vector<std::string>& args,
                           int stdoutFd, int stderrFd,
                           const std::vector<std::string>& extraEnv = {}) {
-  std::vector<std::string> argv{program};
+  // Programs of this build run as the tests do (under a cross build's
+  // emulator); others, such as Chromium, as they are.
+  const bool built =
+      program == TELVO_TOOL_PATH || program == TELVO_EXAMPLE_PATH || program == TELVO_EXAMPLE_C_PATH;
+  std::vector<std::string> argv =
+      built ? test::launchCommand(program) : std::vector<std::string>{program};
   argv.insert(argv.end(), args.begin(), args.end());
   std::vector<char*> rawArgs;
   for (auto& a : argv) rawArgs.push_back(a.data());

@@ -95,8 +95,8 @@ class CollectorTest : public ::testing::Test {
     client_ = std::make_unique<httplib::SSLClient>("127.0.0.1", collector_.port());
     client_->set_ca_cert_path(collector_.certificatePath().c_str());
     client_->enable_server_certificate_verification(true);
-    client_->set_connection_timeout(5, 0);
-    client_->set_read_timeout(10, 0);
+    client_->set_connection_timeout(static_cast<time_t>(5 * test::timeScale()), 0);
+    client_->set_read_timeout(static_cast<time_t>(10 * test::timeScale()), 0);
   }
 
   httplib::Result post(const std::string& path, const std::string& body,
@@ -280,6 +280,23 @@ void sendTruncatedRequest(int port, const std::string& path) {
   close(fd);
 }
 
+TEST_F(CollectorTest, TimesAfter2038ReadAndPrintExactlyOnEveryMachine) {
+  // A 32-bit machine's time_t ends in January 2038.
+  start();
+  std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  Json batch{{"sessionId", session},
+             {"events", {{{"eventType", "late"}, {"eventData", {{"timestamp", 2240000000123.0}}}}}}};
+  auto res = post("/api/postEvent/batch.json", envelope(batch));
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
+
+  EXPECT_EQ(stored({"--since", "2000-01-01T00:00:00Z"})["events"].size(), 1u);
+  EXPECT_TRUE(stored({"--since", "2040-01-01T00:00:00Z"})["events"].empty());
+  auto table = runTool({"events", "--data", dataDir_});
+  EXPECT_NE(table.out.find("2040-12-24T22:13:20.123Z"), std::string::npos) << table.out;
+}
+
 TEST_F(CollectorTest, RecordsMalformedRequestsAndKeepsServing) {
   start({"--max-body", "4096", "--max-inflated", "1048576"});
   std::string session = hello();
@@ -426,7 +443,7 @@ TEST_F(CollectorTest, ThousandsOfIdleOrHalfSentConnectionsDoNotHoldUpValidPosts)
     const auto started = std::chrono::steady_clock::now();
     EXPECT_FALSE(hello().empty()) << "round " << round;
     EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
-              3.0)
+              3.0 * test::timeScale())
         << "round " << round;
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
   }

@@ -9,6 +9,8 @@
 #include <sstream>
 #include <string>
 
+#include "support/launcher.h"
+
 namespace {
 
 using ::testing::HasSubstr;
@@ -41,7 +43,7 @@ class ConfigToolTest : public ::testing::Test {
 
   // Runs `telvo config <arguments>` (shell text), bounded in time; fills out_ and err_.
   int run(const std::string& arguments) {
-    const std::string command = "timeout 20 '" + std::string(TELVO_TOOL_PATH) + "' config " +
+    const std::string command = "timeout 20 " + telvo::test::launchShellCommand(TELVO_TOOL_PATH) + " config " +
                                 arguments + " >'" + (dir_ / "out").string() + "' 2>'" +
                                 (dir_ / "err").string() + "'";
     const int raw = std::system(command.c_str());

@@ -281,8 +281,9 @@ TEST_F(DemoEndToEndTest, SpooledEventsSurviveAKillAndGoOutWithTheNextRun) {
     const pid_t sender = testing::spawnProgram(TELVO_TOOL_PATH, args, devNull, devNull, env_);
     close(devNull);
     ASSERT_GT(sender, 0);
-    std::this_thread::sleep_for(
-        std::chrono::milliseconds(std::uniform_int_distribution<int>(1300, 2500)(random)));
+    // (The emulator takes longer to start the tool before it takes its events.)
+    std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<int>(
+        std::uniform_int_distribution<int>(1300, 2500)(random) * test::timeScale())));
     kill(sender, SIGKILL);
     waitpid(sender, nullptr, 0);
   }
