@@ -7,6 +7,9 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
@@ -14,6 +17,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <random>
@@ -85,6 +89,101 @@ std::string wideArray(const std::string& element, std::size_t size) {
   return text;
 }
 
+// A TLS connection to the collector made by hand, so that it can be slow,
+// greedy or half-done as a hostile client is: from a chosen loopback
+// address, every wait bounded.
+class RawConnection {
+ public:
+  RawConnection() = default;
+  RawConnection(const RawConnection&) = delete;
+  RawConnection& operator=(const RawConnection&) = delete;
+  ~RawConnection() { close(); }
+
+  // Connects from `source` (any address of 127/8) and, when `handshake`,
+  // completes the TLS handshake. False when either fails.
+  bool open(int port, const char* source = "127.0.0.1", bool handshake = true) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) return false;
+    sockaddr_in from{};
+    from.sin_family = AF_INET;
+    inet_pton(AF_INET, source, &from.sin_addr);
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0) return false;
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<std::uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) return false;
+    timeval wait{5, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    if (!handshake) return true;
+    static SSL_CTX* context = [] {
+      SSL_CTX* made = SSL_CTX_new(TLS_client_method());
+      SSL_CTX_set_verify(made, SSL_VERIFY_NONE, nullptr);
+      return made;
+    }();
+    ssl_ = SSL_new(context);
+    SSL_set_fd(ssl_, fd_);
+    return SSL_connect(ssl_) == 1;
+  }
+
+  // Sends `text`; false when the connection no longer takes it.
+  bool send(const std::string& text) {
+    if (!ssl_) return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == ssize_t(text.size());
+    return SSL_write(ssl_, text.data(), static_cast<int>(text.size())) ==
+           static_cast<int>(text.size());
+  }
+
+  // What arrives within `timeout` until the collector ends the connection;
+  // `*ended` says whether it did.
+  std::string receive(std::chrono::milliseconds timeout, bool* ended) {
+    std::string got;
+    *ended = false;
+    const auto deadline = Clock::now() + timeout;
+    while (Clock::now() < deadline) {
+      pollfd wait{fd_, POLLIN, 0};
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+      if (ssl_ && SSL_pending(ssl_) == 0 && ::poll(&wait, 1, int(left.count()) + 1) <= 0) continue;
+      if (!ssl_ && ::poll(&wait, 1, int(left.count()) + 1) <= 0) continue;
+      char buffer[4096];
+      // Readable may mean a TLS record without data: never block on it.
+      const int flags = fcntl(fd_, F_GETFL, 0);
+      fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
+      const int n = ssl_ ? SSL_read(ssl_, buffer, sizeof buffer)
+                         : static_cast<int>(::recv(fd_, buffer, sizeof buffer, 0));
+      fcntl(fd_, F_SETFL, flags);
+      if (n < 0 && !ssl_ && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+      // TLS 1.3 session tickets arrive after the handshake: read, but no data.
+      if (n <= 0 && ssl_ && SSL_get_error(ssl_, n) == SSL_ERROR_WANT_READ) continue;
+      if (n <= 0) {
+        *ended = true;
+        break;
+      }
+      got.append(buffer, static_cast<std::size_t>(n));
+    }
+    return got;
+  }
+
+  // Whether the collector has ended the connection, waiting up to `timeout`.
+  bool endedWithin(std::chrono::milliseconds timeout) {
+    bool ended = false;
+    receive(timeout, &ended);
+    return ended;
+  }
+
+  void close() {
+    if (ssl_) SSL_free(ssl_);
+    if (fd_ >= 0) ::close(fd_);
+    ssl_ = nullptr;
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+  SSL* ssl_ = nullptr;
+};
+
 class CollectorFaultsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -115,6 +214,11 @@ class CollectorFaultsTest : public ::testing::Test {
     auto res = client()->Post(path.c_str(), headers, body, "application/x-gzip");
     if (!res) return {-1, httplib::to_string(res.error())};
     return {res->status, res->body};
+  }
+
+  Json summary() const {
+    auto res = client()->Get("/inspect/api/summary");
+    return res ? Json::parse(res->body, nullptr, false) : Json();
   }
 
   std::string hello() const {
@@ -448,6 +552,155 @@ TEST_F(CollectorFaultsTest, FormBodiesAndUnreadableHeadersGetTheRightAnswers) {
               1);
   }
   EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%collector failed%'"), 0);
+}
+
+// ---- connections: deadlines, sizes, shares, and stopping ----
+
+TEST_F(CollectorFaultsTest, SlowRequestsAreCutAtTheirDeadlinesWhileOthersAreServed) {
+  start({"--header-timeout", "2", "--body-timeout", "2"});
+  // Slow headers: a byte every half second, from a neighbour's address.
+  std::vector<std::unique_ptr<RawConnection>> slow;
+  for (int i = 0; i < 100; ++i) {
+    slow.push_back(std::make_unique<RawConnection>());
+    ASSERT_TRUE(slow.back()->open(collector_.port(), "127.0.0.2")) << i;
+  }
+  // A slow body: whole headers, then a byte every half second.
+  RawConnection slowBody;
+  ASSERT_TRUE(slowBody.open(collector_.port(), "127.0.0.3"));
+  ASSERT_TRUE(slowBody.send(
+      "POST /api/postEvent/batch.json HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: "
+      "application/x-gzip\r\nContent-Encoding: gzip\r\nContent-Length: 1000\r\n\r\n"));
+  const std::string request = "POST /api/hello HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: ";
+  const auto started = Clock::now();
+  std::size_t sent = 0;
+  while (secondsSince(started) < 1.5) {
+    for (auto& connection : slow) connection->send(request.substr(sent % request.size(), 1));
+    slowBody.send("A");
+    ++sent;
+    // Meanwhile a device's hello goes through at once.
+    const auto asked = Clock::now();
+    EXPECT_FALSE(hello().empty());
+    EXPECT_LT(secondsSince(asked), 1.0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  }
+  // All are cut once their two seconds are over, however they dribble.
+  std::size_t ended = 0;
+  for (auto& connection : slow) {
+    connection->send("x");
+    if (connection->endedWithin(std::chrono::milliseconds(2000))) ++ended;
+  }
+  EXPECT_EQ(ended, slow.size()) << "slow headers still held after their deadline";
+  bool bodyEnded = false;
+  slowBody.send("A");
+  const std::string answer = slowBody.receive(std::chrono::seconds(3), &bodyEnded);
+  EXPECT_TRUE(bodyEnded);
+  EXPECT_NE(answer.find("408"), std::string::npos) << answer;
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%body not complete "
+                  "within 2 s%'"),
+            1);
+  EXPECT_LT(secondsSince(started), 8.0);
+  // What was cut is counted.
+  const Json connections = summary()["connections"];
+  EXPECT_GE(connections.value("headerTimeouts", 0), 100) << connections.dump();
+  EXPECT_EQ(connections.value("bodyTimeouts", 0), 1) << connections.dump();
+}
+
+TEST_F(CollectorFaultsTest, HeadersAreBoundedInSizeAndCount) {
+  start();  // --max-header-bytes 65536, --max-headers 100
+  // Header lines for as long as the collector takes them.
+  RawConnection flood;
+  ASSERT_TRUE(flood.open(collector_.port()));
+  ASSERT_TRUE(flood.send("GET /inspect/api/summary HTTP/1.1\r\nHost: 127.0.0.1\r\n"));
+  const std::string line = "X-Flood: " + std::string(1000, 'f') + "\r\n";
+  std::size_t taken = 0;
+  const auto started = Clock::now();
+  while (secondsSince(started) < 5 && flood.send(line)) taken += line.size();
+  EXPECT_LT(taken, 4u << 20) << "bytes of headers taken on one connection";
+  EXPECT_LT(secondsSince(started), 5.0);
+
+  // Many small headers: refused with 431, and the collector goes on.
+  RawConnection many;
+  ASSERT_TRUE(many.open(collector_.port()));
+  std::string headers = "GET /inspect/api/summary HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+  for (int i = 0; i < 150; ++i) headers += "X-" + std::to_string(i) + ": v\r\n";
+  ASSERT_TRUE(many.send(headers + "\r\n"));
+  bool ended = false;
+  const std::string answer = many.receive(std::chrono::seconds(3), &ended);
+  EXPECT_EQ(answer.rfind("HTTP/1.1 431", 0), 0u) << answer;
+  EXPECT_FALSE(hello().empty());
+  EXPECT_LT(collector_.statusKiB("VmHWM"), (kSanitized ? 512 : 128) * 1024);
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%headers larger than "
+                  "the limit of 65536 bytes%'"),
+            1);
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%more than 100 "
+                  "headers%'"),
+            1);
+}
+
+TEST_F(CollectorFaultsTest, OneAddressHoldsAtMostItsShareOfConnections) {
+  start({"--max-connections-per-address", "20"});
+  // A neighbour opens many connections and sends nothing.
+  std::vector<std::unique_ptr<RawConnection>> greedy;
+  for (int i = 0; i < 60; ++i) {
+    greedy.push_back(std::make_unique<RawConnection>());
+    greedy.back()->open(collector_.port(), "127.0.0.2");
+  }
+  // Only the newest 20 are kept; the older ones were closed to make room.
+  std::size_t open = 0;
+  for (auto& connection : greedy) {
+    if (!connection->endedWithin(std::chrono::milliseconds(100))) ++open;
+  }
+  EXPECT_LE(open, 20u);
+  EXPECT_GE(open, 10u);
+  EXPECT_GE(summary()["connections"].value("evicted", 0), 40) << summary().dump();
+  // Devices at other addresses, and at the same one, are still served.
+  const auto asked = Clock::now();
+  EXPECT_FALSE(hello().empty());
+  EXPECT_LT(secondsSince(asked), 1.0);
+  RawConnection same;
+  ASSERT_TRUE(same.open(collector_.port(), "127.0.0.2"));
+  ASSERT_TRUE(same.send("GET /inspect/api/summary HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+  bool ended = false;
+  EXPECT_EQ(same.receive(std::chrono::seconds(2), &ended).rfind("HTTP/1.1 200", 0), 0u);
+}
+
+TEST_F(CollectorFaultsTest, ExitsWithinTwoSecondsOfSigtermWhateverConnectionsDo) {
+  start();
+  std::vector<std::unique_ptr<RawConnection>> busy;
+  for (int i = 0; i < 50; ++i) {  // slow headers
+    busy.push_back(std::make_unique<RawConnection>());
+    ASSERT_TRUE(busy.back()->open(collector_.port(), "127.0.0.2"));
+    busy.back()->send("POST /api/hello HTTP/1.1\r\nHost: x");
+  }
+  for (int i = 0; i < 20; ++i) {  // half a handshake
+    busy.push_back(std::make_unique<RawConnection>());
+    ASSERT_TRUE(busy.back()->open(collector_.port(), "127.0.0.3", /*handshake=*/false));
+    busy.back()->send(std::string("\x16\x03\x01\x02\x00\x01\x00", 7));
+  }
+  for (int i = 0; i < 10; ++i) {  // slow bodies
+    busy.push_back(std::make_unique<RawConnection>());
+    ASSERT_TRUE(busy.back()->open(collector_.port(), "127.0.0.4"));
+    busy.back()->send(
+        "POST /api/postEvent/batch.json HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: "
+        "100000\r\n\r\nAAAA");
+  }
+  // They keep dribbling, a byte every half second, until the end.
+  std::atomic<bool> dribbling{true};
+  std::thread dribbler([&] {
+    while (dribbling) {
+      for (auto& connection : busy) connection->send("A");
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+  const auto stopping = Clock::now();
+  EXPECT_EQ(collector_.stop(SIGTERM), 0);
+  const double took = secondsSince(stopping);
+  dribbling = false;
+  dribbler.join();
+  std::printf("collector exited %.2f s after SIGTERM with %zu busy connections\n", took,
+              busy.size());
+  EXPECT_LT(took, 2.0);
 }
 
 }  // namespace

@@ -159,6 +159,18 @@ void Inspector::installRoutes(httplib::Server& server) {
     for (const auto& [type, count] : store_.eventTypes(200)) {
       types.push_back(Json{{"eventType", type}, {"count", count}});
     }
+    Json connections = Json::object();
+    if (connectionCounters_) {
+      const ConnectionCounters c = connectionCounters_();
+      connections = Json{{"open", c.open},
+                         {"accepted", c.accepted},
+                         {"headerTimeouts", c.headerTimeouts},
+                         {"bodyTimeouts", c.bodyTimeouts},
+                         {"headerOverflows", c.headerOverflows},
+                         {"evicted", c.evicted},
+                         {"refused", c.refused},
+                         {"failedHandshakes", c.failedHandshakes}};
+    }
     answer(res, Json{{"now", nowMs()},
                      {"sessions", totals.sessions},
                      {"events", totals.events},
@@ -167,7 +179,8 @@ void Inspector::installRoutes(httplib::Server& server) {
                      {"lastEventId", totals.lastEventId},
                      {"lastErrorId", totals.lastErrorId},
                      {"lastProblemId", totals.lastProblemId},
-                     {"eventTypes", types}});
+                     {"eventTypes", types},
+                     {"connections", connections}});
   });
 
   server.Get("/inspect/api/sessions",

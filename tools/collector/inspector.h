@@ -4,7 +4,8 @@
 //   GET /                                   the page (also /inspect/)
 //   GET /inspect/static/<file>              its script and style sheet
 //   GET /favicon.ico                        its icon
-//   GET /inspect/api/summary                row counts, last ids, event types
+//   GET /inspect/api/summary                row counts, last ids, event types,
+//                                           what the connection bounds cut off
 //   GET /inspect/api/sessions?limit=        sessions with their hello exchange,
 //                                           event count and last arrival
 //   GET /inspect/api/events?after=&before=&since=&session=&type=&q=&limit=&preview=
@@ -25,7 +26,10 @@
 // Thread-safe as the store is.
 #pragma once
 
+#include <functional>
+
 #include "collector/collector_store.h"
+#include "collector/tls_server.h"
 
 namespace httplib {
 class Server;
@@ -39,9 +43,14 @@ class Inspector {
   explicit Inspector(CollectorStore& store) : store_(store) {}
 
   void installRoutes(httplib::Server& server);
+  // Where the summary reads what the connection bounds cut off.
+  void setConnectionCounters(std::function<ConnectionCounters()> counters) {
+    connectionCounters_ = std::move(counters);
+  }
 
  private:
   CollectorStore& store_;
+  std::function<ConnectionCounters()> connectionCounters_;
 };
 
 }  // namespace telvo::tool
