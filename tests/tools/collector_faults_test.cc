@@ -637,6 +637,28 @@ TEST_F(CollectorFaultsTest, HeadersAreBoundedInSizeAndCount) {
             1);
 }
 
+TEST_F(CollectorFaultsTest, ReadsThatSendABodyAreRefusedBeforeItIsRead) {
+  start();
+  for (std::string method : {"GET", "OPTIONS", "TRACE"}) {
+    SCOPED_TRACE(method);
+    RawConnection reader;
+    ASSERT_TRUE(reader.open(collector_.port()));
+    ASSERT_TRUE(reader.send(method +
+                            " /inspect/api/summary HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                            "Transfer-Encoding: chunked\r\n\r\n"));
+    const std::string chunk = "100000\r\n" + std::string(0x100000, 'c') + "\r\n";
+    std::size_t taken = 0;
+    const auto started = Clock::now();
+    while (secondsSince(started) < 3 && reader.send(chunk)) taken += chunk.size();
+    EXPECT_LT(taken, 8u << 20) << "bytes of a read's body taken";
+    bool ended = false;
+    const std::string answer = reader.receive(std::chrono::seconds(2), &ended);
+    EXPECT_EQ(answer.rfind("HTTP/1.1 400", 0), 0u) << answer.substr(0, 200);
+  }
+  EXPECT_LT(collector_.statusKiB("VmHWM"), (kSanitized ? 512 : 128) * 1024);
+  EXPECT_FALSE(hello().empty());
+}
+
 TEST_F(CollectorFaultsTest, OneAddressHoldsAtMostItsShareOfConnections) {
   start({"--max-connections-per-address", "20"});
   // A neighbour opens many connections and sends nothing.

@@ -293,6 +293,23 @@ void CollectorServer::installRoutes() {
       answerError(res, 431, *why);
       return httplib::Server::HandlerResponse::Handled;
     }
+    // httplib would read the body of any other method whole (a chunked one
+    // without end): such a request is answered before it is read, and so is
+    // one whose length is given twice over.
+    const bool mayHaveBody = req.method == "POST" || req.method == "PUT" ||
+                             req.method == "PATCH" || req.method == "DELETE";
+    const bool chunked = req.has_header("Transfer-Encoding");
+    const bool sized = req.has_header("Content-Length");
+    if ((!mayHaveBody && (chunked || (sized && req.get_header_value("Content-Length") != "0"))) ||
+        (chunked && sized)) {
+      const std::string why = chunked && sized
+                                  ? "request gives both Content-Length and Transfer-Encoding"
+                                  : "a " + req.method + " request carries no body";
+      closeAfterAnswer(req);
+      recordProblem(req, why);
+      answerError(res, 400, why);
+      return httplib::Server::HandlerResponse::Handled;
+    }
     // Reads are refused here; writes in their handlers, which decide what
     // to do with their bodies.
     if (req.method == "GET" || req.method == "HEAD") {
