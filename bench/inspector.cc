@@ -126,11 +126,11 @@ void NewSinceLastPoll(benchmark::State& state) {
 }
 
 void SessionSummaries(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(store().sessionSummaries(500));
+  for (auto _ : state) benchmark::DoNotOptimize(store().sessionSummaries(500, 200));
 }
 
 void EventTypes(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(store().eventTypes(200));
+  for (auto _ : state) benchmark::DoNotOptimize(store().eventTypes(200, 200));
 }
 
 void Totals(benchmark::State& state) {
@@ -139,7 +139,7 @@ void Totals(benchmark::State& state) {
 
 // The chart over the last five minutes: half the events.
 void RateLastFiveMinutes(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(store().eventRate(nowMs() - 300000, 1000));
+  for (auto _ : state) benchmark::DoNotOptimize(store().eventRate(nowMs() - 300000, 1000, 200));
 }
 
 BENCHMARK(FirstPage)->Unit(benchmark::kMillisecond);

@@ -725,5 +725,90 @@ TEST_F(CollectorFaultsTest, ExitsWithinTwoSecondsOfSigtermWhateverConnectionsDo)
   EXPECT_LT(took, 2.0);
 }
 
+// ---- reads: stored text spliced, device text cut, large data in pieces ----
+
+TEST_F(CollectorFaultsTest, ListsCutDeviceTextAndLargeDataIsReadInPieces) {
+  start();
+  // A hello whose members are a megabyte each.
+  Json hello = helloDocument();
+  hello["deviceModel"] = std::string(1 << 20, 'm');
+  hello["extra"] = std::string(1 << 20, 'x');
+  auto [status, answer] = post("/api/hello", envelopeOf(hello.dump()));
+  ASSERT_EQ(status, 200) << answer;
+  const std::string session = Json::parse(answer).value("sessionId", "");
+  // Fifteen event types of a megabyte each, in one small post.
+  std::string events;
+  for (int i = 0; i < 15; ++i) {
+    events += std::string(i ? "," : "") + "{\"eventType\":\"" + std::string(1 << 20, 'a' + i) +
+              "\",\"eventData\":{\"i\":" + std::to_string(i) + "}}";
+  }
+  std::tie(status, answer) =
+      post("/api/postEvent/batch.json",
+           envelopeOf("{\"sessionId\":\"" + session + "\",\"events\":[" + events + "]}"));
+  ASSERT_EQ(status, 200) << answer;
+  // Three events of 15 MiB, each of five million small values (within every
+  // bound: no array holds more than 100,000).
+  std::string nested = "[";
+  for (int i = 0; i < 50; ++i) nested += std::string(i ? "," : "") + wideArray("{}", 300000);
+  nested += "]";
+  for (int i = 0; i < 3; ++i) {
+    std::tie(status, answer) =
+        post("/api/postEvent/batch.json", envelopeOf(batchText(session, "{\"n\":" + nested + "}")));
+    ASSERT_EQ(status, 200) << answer.substr(0, 300);
+  }
+  const long before = collector_.statusKiB("VmHWM");
+
+  auto get = [&](const std::string& target) {
+    auto res = client()->Get(target.c_str());
+    EXPECT_TRUE(res) << target;
+    if (!res) return std::make_pair(-1, std::string());
+    return std::make_pair(res->status, res->body);
+  };
+  // Lists stay small, and say how long what they cut was.
+  for (std::string target : {"/inspect/api/summary", "/inspect/api/events?limit=1000",
+                             "/inspect/api/sessions", "/inspect/api/rate?period=300&bucket=1"}) {
+    SCOPED_TRACE(target);
+    auto [code, body] = get(target);
+    EXPECT_EQ(code, 200);
+    EXPECT_LT(body.size(), 256u * 1024) << "bytes in one answer";
+  }
+  const Json list = Json::parse(get("/inspect/api/events?limit=1000").second);
+  ASSERT_EQ(list["events"].size(), 18u);
+  const Json& large = list["events"][0];
+  EXPECT_EQ(large["dataLength"], 6 + nested.size());
+  EXPECT_EQ(large["dataPreview"].get<std::string>().size(), 200u);
+  const Json& typed = list["events"][3];
+  EXPECT_EQ(typed["eventTypeLength"], 1 << 20);
+  EXPECT_LE(typed["eventType"].get<std::string>().size(), 200u);
+  const Json sessions = Json::parse(get("/inspect/api/sessions").second);
+  EXPECT_EQ(sessions["sessions"][0]["hello"]["deviceModelLength"], 1 << 20);
+  EXPECT_LE(sessions["sessions"][0]["hello"]["deviceModel"].get<std::string>().size(), 200u);
+  const Json summary = Json::parse(get("/inspect/api/summary").second);
+  EXPECT_EQ(summary["eventTypes"].size(), 16u);
+
+  // A page of them whole is refused; the detail gives a piece, and the rest
+  // comes in pieces or as a download.
+  EXPECT_EQ(get("/inspect/api/events?preview=0&limit=3").first, 400);
+  const std::string id = std::to_string(large["id"].get<std::int64_t>());
+  auto [detailStatus, detailText] = get("/inspect/api/events/" + id);
+  EXPECT_EQ(detailStatus, 200);
+  EXPECT_LT(detailText.size(), 512u * 1024);
+  const Json detail = Json::parse(detailText);
+  EXPECT_EQ(detail["dataLength"], 6 + nested.size());
+  EXPECT_EQ(detail["dataPiece"].get<std::string>().rfind("{\"n\":[{\"a\":[{},{}", 0), 0u);
+  auto [pieceStatus, piece] = get("/inspect/api/events/" + id + "/data?offset=5&length=100");
+  EXPECT_EQ(pieceStatus, 200);
+  EXPECT_EQ(piece, nested.substr(0, 100));
+  auto [wholeStatus, whole] = get("/inspect/api/events/" + id + "/data");
+  EXPECT_EQ(wholeStatus, 200);
+  EXPECT_EQ(whole.size(), 6 + nested.size());
+  EXPECT_EQ(whole.substr(whole.size() - 10), nested.substr(nested.size() - 9) + "}");
+
+  const long grown = collector_.statusKiB("VmHWM") - before;
+  EXPECT_LT(grown, (kSanitized ? 512 : 96) * 1024) << "KiB the reads added to the peak";
+  std::printf("collector peak %.1f MiB, reads added %.1f MiB\n",
+              collector_.statusKiB("VmHWM") / 1024.0, grown / 1024.0);
+}
+
 }  // namespace
 }  // namespace telvo

@@ -20,13 +20,18 @@ CREATE TABLE IF NOT EXISTS sessions (
   uuid_token TEXT, cookie TEXT,
   hello_json TEXT NOT NULL
 );
+-- data_length: bytes of data_json; data_preview: its first 4 KiB when it is
+-- longer, so that lists never read the whole (both NULL in rows from before
+-- they were kept).
 CREATE TABLE IF NOT EXISTS events (
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   session_id TEXT NOT NULL,
   type TEXT NOT NULL,
   data_json TEXT NOT NULL,
   event_ms INTEGER,
-  received_ms INTEGER NOT NULL
+  received_ms INTEGER NOT NULL,
+  data_length INTEGER,
+  data_preview TEXT
 );
 -- Served by indexes: the inspector's pages per session and per type (newest
 -- first), and its rate chart (arrival time and type, without the rows).
@@ -41,7 +46,9 @@ CREATE TABLE IF NOT EXISTS errors (
   error_code_json TEXT NOT NULL,
   error_ms INTEGER,
   data_json TEXT NOT NULL,
-  received_ms INTEGER NOT NULL
+  received_ms INTEGER NOT NULL,
+  data_length INTEGER,
+  data_preview TEXT
 );
 CREATE TABLE IF NOT EXISTS problems (
   id INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -70,6 +77,10 @@ constexpr const char* kAddedColumns[][3] = {
     {"problems", "layer", "ALTER TABLE problems ADD COLUMN layer TEXT NOT NULL DEFAULT ''"},
     {"problems", "body_id", "ALTER TABLE problems ADD COLUMN body_id INTEGER"},
     {"request_bodies", "length", "ALTER TABLE request_bodies ADD COLUMN length INTEGER"},
+    {"events", "data_length", "ALTER TABLE events ADD COLUMN data_length INTEGER"},
+    {"events", "data_preview", "ALTER TABLE events ADD COLUMN data_preview TEXT"},
+    {"errors", "data_length", "ALTER TABLE errors ADD COLUMN data_length INTEGER"},
+    {"errors", "data_preview", "ALTER TABLE errors ADD COLUMN data_preview TEXT"},
 };
 
 // Owns a statement prepared for one listing call.
@@ -95,6 +106,24 @@ void bindView(sqlite3_stmt* stmt, int index, std::string_view value) {
   // A null pointer would bind NULL, not an empty text.
   sqlite3_bind_text64(stmt, index, value.data() ? value.data() : "", value.size(), SQLITE_STATIC,
                       SQLITE_UTF8);
+}
+
+// At most `length` bytes of UTF-8 `text`, not cutting a character in two.
+std::string_view headOf(std::string_view text, std::size_t length) {
+  if (text.size() <= length) return text;
+  while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
+  return text.substr(0, length);
+}
+
+// Binds a data text's length at `index` and, when it is longer than
+// kStoredPreviewBytes, its start at `index` + 1.
+void bindLengthAndPreview(sqlite3_stmt* stmt, int index, std::string_view data) {
+  sqlite3_bind_int64(stmt, index, static_cast<std::int64_t>(data.size()));
+  if (data.size() > kStoredPreviewBytes) {
+    bindView(stmt, index + 1, headOf(data, kStoredPreviewBytes));
+  } else {
+    sqlite3_bind_null(stmt, index + 1);
+  }
 }
 
 void bindText(sqlite3_stmt* stmt, int index, const std::optional<std::string>& value) {
@@ -219,11 +248,11 @@ bool CollectorStore::prepareWriters(std::string* error) {
        "device_model, uuid_token, cookie, hello_json) "
        "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15)"},
       {&insertEvent_,
-       "INSERT INTO events (session_id, type, data_json, event_ms, received_ms) "
-       "VALUES (?1, ?2, ?3, ?4, ?5)"},
+       "INSERT INTO events (session_id, type, data_json, event_ms, received_ms, data_length, "
+       "data_preview) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)"},
       {&insertError_,
        "INSERT INTO errors (session_id, application, error_code_json, error_ms, data_json, "
-       "received_ms) VALUES (?1, ?2, ?3, ?4, ?5, ?6)"},
+       "received_ms, data_length, data_preview) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)"},
       {&insertProblem_,
        "INSERT INTO problems (received_ms, method, path, description, layer, body_id) "
        "VALUES (?1, ?2, ?3, ?4, ?5, ?6)"},
@@ -285,6 +314,7 @@ bool CollectorStore::insertRows(const RequestRecord& rows, std::string* error) {
     bindView(stmt, 3, e.dataJson);
     bindInt(stmt, 4, e.eventMs);
     sqlite3_bind_int64(stmt, 5, rows.receivedMs);
+    bindLengthAndPreview(stmt, 6, e.dataJson);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
   if (rows.error) {
@@ -296,6 +326,7 @@ bool CollectorStore::insertRows(const RequestRecord& rows, std::string* error) {
     bindInt(stmt, 4, e.errorMs);
     bindView(stmt, 5, e.dataJson);
     sqlite3_bind_int64(stmt, 6, rows.receivedMs);
+    bindLengthAndPreview(stmt, 7, e.dataJson);
     if (!runToCompletion(db_, stmt, error)) return false;
   }
   std::optional<std::int64_t> bodyId;
@@ -488,71 +519,169 @@ std::int64_t singleInt(sqlite3* db, const char* sql) {
 
 }  // namespace
 
+namespace {
+
+// The whole length in bytes of a row's data (rows from before it was kept
+// have it measured).
+#define DATA_LENGTH "coalesce(data_length, length(CAST(data_json AS BLOB)))"
+// The row's data when it is at most ?P bytes long, else its start (from the
+// kept preview, so that the whole is never read).
+#define DATA_OR_PREVIEW(P)                                      \
+  "CASE WHEN " DATA_LENGTH " <= " P " THEN data_json ELSE substr(" \
+  "coalesce(data_preview, data_json), 1, " P ") END"
+
+std::size_t clampedPreview(std::size_t length) {
+  return std::clamp<std::size_t>(length, 1, kStoredPreviewBytes);
+}
+
+std::int64_t asInt(std::size_t value) {
+  return static_cast<std::int64_t>(std::min<std::size_t>(value, 1u << 30));
+}
+
+// A data column read as a preview of `preview` bytes: substr() counts
+// characters, so the text is cut again in bytes.
+void cutData(std::string& data, std::int64_t length, std::size_t preview, bool* whole) {
+  *whole = length <= static_cast<std::int64_t>(preview);
+  if (!*whole) data = std::string(headOf(data, preview));
+}
+
+// An event row of the page queries' columns: id, session (cut), type (cut),
+// data (or preview), event_ms, received_ms, data length, session length,
+// type length.
+EventRow eventListed(sqlite3_stmt* s, std::size_t preview) {
+  EventRow row;
+  row.id = sqlite3_column_int64(s, 0);
+  row.sessionId = columnText(s, 1);
+  row.type = columnText(s, 2);
+  row.dataJson = columnText(s, 3);
+  row.eventMs = columnOptionalInt(s, 4);
+  row.receivedMs = sqlite3_column_int64(s, 5);
+  row.dataLength = sqlite3_column_int64(s, 6);
+  row.sessionIdLength = sqlite3_column_int64(s, 7);
+  row.typeLength = sqlite3_column_int64(s, 8);
+  cutData(row.dataJson, row.dataLength, preview, &row.dataWhole);
+  return row;
+}
+
+}  // namespace
+
 std::vector<EventRow> CollectorStore::eventPage(const PageQuery& query) {
   std::lock_guard<std::mutex> lock(mutex_);
-  // ?5 preview bytes (0: whole), ?6 session, ?7 type, ?8 text pattern. The
-  // session and type tests are written so that SQLite can take the rows from
-  // events_by_session or events_by_type in id order.
+  // ?5 preview bytes, ?6 session, ?7 type, ?8 text pattern, ?9 label length.
+  // The session and type tests are written so that SQLite can take the rows
+  // from events_by_session or events_by_type in id order.
+#define EVENT_COLUMNS                                                             \
+  "SELECT id, substr(session_id, 1, ?9), substr(type, 1, ?9), " DATA_OR_PREVIEW( \
+      "?5") ", event_ms, received_ms, " DATA_LENGTH ", length(session_id), length(type) FROM events "
+#define TEXT_TEST                                                                  \
+  "AND (?8 IS NULL OR type LIKE ?8 ESCAPE '\\' OR session_id LIKE ?8 ESCAPE '\\' " \
+  "OR data_json LIKE ?8 ESCAPE '\\') "
   const char* sql =
-      query.sessionId
-          ? "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
-            "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
-            "WHERE session_id = ?6 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
-            "AND (?7 IS NULL OR type = ?7) AND (?8 IS NULL OR type LIKE ?8 ESCAPE '\\' "
-            "OR session_id LIKE ?8 ESCAPE '\\' OR data_json LIKE ?8 ESCAPE '\\') "
-            "ORDER BY id DESC LIMIT ?4"
-      : query.type ? "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
-                     "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
-                     "WHERE type = ?7 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
-                     "AND (?6 IS NULL OR session_id = ?6) AND (?8 IS NULL OR type LIKE ?8 ESCAPE "
-                     "'\\' OR session_id LIKE ?8 ESCAPE '\\' OR data_json LIKE ?8 ESCAPE '\\') "
-                     "ORDER BY id DESC LIMIT ?4"
-                   : "SELECT id, session_id, type, CASE WHEN ?5 > 0 THEN substr(data_json, 1, ?5) "
-                     "ELSE data_json END, event_ms, received_ms, length(data_json) FROM events "
-                     "WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
-                     "AND (?6 IS NULL OR session_id = ?6) AND (?7 IS NULL OR type = ?7) "
-                     "AND (?8 IS NULL OR type LIKE ?8 ESCAPE '\\' OR session_id LIKE ?8 ESCAPE "
-                     "'\\' OR data_json LIKE ?8 ESCAPE '\\') ORDER BY id DESC LIMIT ?4";
+      query.sessionId ? EVENT_COLUMNS
+      "WHERE session_id = ?6 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
+      "AND (?7 IS NULL OR type = ?7) " TEXT_TEST "ORDER BY id DESC LIMIT ?4"
+      : query.type ? EVENT_COLUMNS
+      "WHERE type = ?7 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
+      "AND (?6 IS NULL OR session_id = ?6) " TEXT_TEST "ORDER BY id DESC LIMIT ?4"
+                   : EVENT_COLUMNS
+      "WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
+      "AND (?6 IS NULL OR session_id = ?6) AND (?7 IS NULL OR type = ?7) " TEXT_TEST
+      "ORDER BY id DESC LIMIT ?4";
+#undef EVENT_COLUMNS
+#undef TEXT_TEST
   Statement statement(db_, sql);
   std::vector<EventRow> rows;
   sqlite3_stmt* s = statement.get();
   if (!s) return rows;
+  const std::size_t preview = clampedPreview(query.previewLength);
   bindPage(s, query);
-  sqlite3_bind_int64(s, 5,
-                     static_cast<std::int64_t>(std::min<std::size_t>(query.previewLength, 1 << 30)));
+  sqlite3_bind_int64(s, 5, asInt(preview));
   bindText(s, 6, query.sessionId);
   bindText(s, 7, query.type);
   bindText(s, 8,
            query.text ? std::optional<std::string>(containsPattern(*query.text)) : std::nullopt);
-  while (sqlite3_step(s) == SQLITE_ROW) rows.push_back(eventFrom(s));
+  sqlite3_bind_int64(s, 9, asInt(query.labelLength));
+  while (sqlite3_step(s) == SQLITE_ROW) rows.push_back(eventListed(s, preview));
   return rows;
 }
 
-std::optional<EventRow> CollectorStore::event(std::int64_t id) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  Statement statement(db_,
-                      "SELECT id, session_id, type, data_json, event_ms, received_ms, "
-                      "length(data_json) FROM events WHERE id = ?1");
-  if (!statement.get()) return std::nullopt;
-  sqlite3_bind_int64(statement.get(), 1, id);
-  if (sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
-  return eventFrom(statement.get());
+std::optional<EventRow> CollectorStore::event(std::int64_t id, std::size_t wholeBytes,
+                                              std::size_t pieceBytes, std::size_t labelLength) {
+  std::optional<EventRow> row;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Statement statement(db_,
+                        "SELECT id, substr(session_id, 1, ?3), substr(type, 1, ?3), "
+                        "CASE WHEN " DATA_LENGTH " <= ?2 THEN data_json END, event_ms, "
+                        "received_ms, " DATA_LENGTH ", length(session_id), length(type) "
+                        "FROM events WHERE id = ?1");
+    sqlite3_stmt* s = statement.get();
+    if (!s) return std::nullopt;
+    sqlite3_bind_int64(s, 1, id);
+    sqlite3_bind_int64(s, 2, asInt(wholeBytes));
+    sqlite3_bind_int64(s, 3, asInt(labelLength));
+    if (sqlite3_step(s) != SQLITE_ROW) return std::nullopt;
+    row = eventListed(s, static_cast<std::size_t>(sqlite3_column_int64(s, 6)));
+    row->dataWhole = sqlite3_column_type(s, 3) != SQLITE_NULL;
+  }
+  if (!row->dataWhole) {
+    auto piece = eventData(id, 0, pieceBytes);
+    if (!piece) return std::nullopt;
+    row->dataJson = std::string(headOf(piece->first, pieceBytes));
+  }
+  return row;
 }
 
-std::vector<SessionSummary> CollectorStore::sessionSummaries(int limit) {
+std::optional<std::pair<std::string, std::int64_t>> CollectorStore::eventData(
+    std::int64_t id, std::int64_t offset, std::size_t length) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  // Read through the blob interface: only the pages of the piece are read.
+  sqlite3_blob* blob = nullptr;
+  if (sqlite3_blob_open(db_, "main", "events", "data_json", id, 0, &blob) != SQLITE_OK) {
+    sqlite3_blob_close(blob);
+    return std::nullopt;
+  }
+  const std::int64_t total = sqlite3_blob_bytes(blob);
+  std::string piece;
+  if (offset >= 0 && offset < total) {
+    const std::int64_t count =
+        std::min<std::int64_t>(total - offset, static_cast<std::int64_t>(std::min<std::size_t>(
+                                                   length, 64u << 20)));
+    piece.resize(static_cast<std::size_t>(count));
+    if (sqlite3_blob_read(blob, piece.data(), static_cast<int>(count), static_cast<int>(offset)) !=
+        SQLITE_OK) {
+      piece.clear();
+    }
+  }
+  sqlite3_blob_close(blob);
+  return std::make_pair(std::move(piece), total);
+}
+
+std::vector<SessionSummary> CollectorStore::sessionSummaries(int limit, std::size_t labelLength) {
   std::lock_guard<std::mutex> lock(mutex_);
   // The count and the last arrival come from events_by_session alone.
   Statement query(db_,
-                  "SELECT id, received_ms, service_ms, throttled, property, application, "
-                  "application_version, platform, device_type, device_version, "
-                  "client_device_id, device_model, uuid_token, cookie, hello_json, "
+                  "SELECT id, received_ms, service_ms, throttled, substr(property, 1, ?2), "
+                  "substr(application, 1, ?2), substr(application_version, 1, ?2), "
+                  "substr(platform, 1, ?2), substr(device_type, 1, ?2), "
+                  "substr(device_version, 1, ?2), substr(client_device_id, 1, ?2), "
+                  "substr(device_model, 1, ?2), substr(uuid_token, 1, ?2), "
+                  "substr(cookie, 1, ?2), '', "
                   "(SELECT count(*) FROM events WHERE session_id = sessions.id), "
                   "(SELECT received_ms FROM events WHERE session_id = sessions.id "
-                  " ORDER BY id DESC LIMIT 1) "
+                  " ORDER BY id DESC LIMIT 1), "
+                  "length(property), length(application), length(application_version), "
+                  "length(platform), length(device_type), length(device_version), "
+                  "length(client_device_id), length(device_model), length(uuid_token), "
+                  "length(cookie), length(CAST(hello_json AS BLOB)) "
                   "FROM sessions ORDER BY received_ms DESC, rowid DESC LIMIT ?1");
   std::vector<SessionSummary> rows;
   if (!query.get()) return rows;
   sqlite3_bind_int(query.get(), 1, clampedLimit(limit));
+  sqlite3_bind_int64(query.get(), 2, asInt(labelLength));
+  static const char* const kMembers[] = {
+      "propertyName", "applicationName", "applicationVersion", "platformName", "deviceType",
+      "deviceVersion", "clientDeviceId",  "deviceModel",        "telvoUUIDToken", "cookie"};
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
     sqlite3_stmt* s = query.get();
     SessionSummary summary;
@@ -560,32 +689,62 @@ std::vector<SessionSummary> CollectorStore::sessionSummaries(int limit) {
     const SessionRow& row = summary.session;
     summary.eventCount = sqlite3_column_int64(s, 15);
     summary.lastSeenMs = std::max(row.receivedMs, columnOptionalInt(s, 16).value_or(0));
+    for (int i = 0; i < 10; ++i) {
+      const std::int64_t length = sqlite3_column_int64(s, 17 + i);
+      if (length > static_cast<std::int64_t>(labelLength)) {
+        summary.cutMembers.emplace_back(kMembers[i], length);
+      }
+    }
+    summary.helloLength = sqlite3_column_int64(s, 27);
     rows.push_back(std::move(summary));
   }
   return rows;
 }
 
+std::optional<std::string> CollectorStore::helloDocument(const std::string& id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Statement statement(db_, "SELECT hello_json FROM sessions WHERE id = ?1");
+  if (!statement.get()) return std::nullopt;
+  bindText(statement.get(), 1, id);
+  if (sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
+  return columnText(statement.get(), 0);
+}
+
 std::vector<ErrorRow> CollectorStore::errorPage(const PageQuery& query) {
   std::lock_guard<std::mutex> lock(mutex_);
-  Statement statement(db_,
-                      "SELECT id, session_id, application, error_code_json, error_ms, data_json, "
-                      "received_ms FROM errors WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
-                      "AND (?5 IS NULL OR session_id = ?5) ORDER BY id DESC LIMIT ?4");
+  Statement statement(
+      db_,
+      "SELECT id, substr(session_id, 1, ?6), substr(application, 1, ?6), "
+      "substr(error_code_json, 1, ?6), error_ms, " DATA_OR_PREVIEW("?7") ", received_ms, "
+      DATA_LENGTH ", length(session_id), length(application), length(error_code_json) "
+      "FROM errors WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
+      "AND (?5 IS NULL OR session_id = ?5) ORDER BY id DESC LIMIT ?4");
   std::vector<ErrorRow> rows;
   sqlite3_stmt* s = statement.get();
   if (!s) return rows;
+  const std::size_t preview = clampedPreview(query.previewLength);
   bindPage(s, query);
   bindText(s, 5, query.sessionId);
+  sqlite3_bind_int64(s, 6, asInt(query.labelLength));
+  sqlite3_bind_int64(s, 7, asInt(preview));
   while (sqlite3_step(s) == SQLITE_ROW) {
-    rows.push_back(errorFrom(s));
+    ErrorRow row = errorFrom(s);
+    row.dataLength = sqlite3_column_int64(s, 7);
+    row.sessionIdLength = sqlite3_column_int64(s, 8);
+    row.applicationLength = sqlite3_column_int64(s, 9);
+    row.errorCodeLength = sqlite3_column_int64(s, 10);
+    cutData(row.dataJson, row.dataLength, preview, &row.dataWhole);
+    rows.push_back(std::move(row));
   }
   return rows;
 }
 
 std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
   std::lock_guard<std::mutex> lock(mutex_);
+  // Descriptions quote what a device sent: they are cut too.
   Statement statement(db_,
-                      "SELECT id, received_ms, method, path, description, layer, "
+                      "SELECT id, received_ms, method, substr(path, 1, ?5), "
+                      "substr(description, 1, 4 * ?5), layer, "
                       "(SELECT length(body) FROM request_bodies WHERE id = body_id), "
                       "(SELECT coalesce(length, length(body)) FROM request_bodies "
                       " WHERE id = body_id) "
@@ -595,6 +754,7 @@ std::vector<ProblemRow> CollectorStore::problemPage(const PageQuery& query) {
   sqlite3_stmt* s = statement.get();
   if (!s) return rows;
   bindPage(s, query);
+  sqlite3_bind_int64(s, 5, asInt(query.labelLength));
   while (sqlite3_step(s) == SQLITE_ROW) {
     ProblemRow row = problemFrom(s);
     row.layer = columnText(s, 5);
@@ -619,30 +779,35 @@ std::optional<std::string> CollectorStore::problemBody(std::int64_t id) {
                : std::string();
 }
 
-std::vector<std::pair<std::string, std::int64_t>> CollectorStore::eventTypes(int limit) {
+std::vector<CollectorStore::TypeCount> CollectorStore::eventTypes(int limit,
+                                                                  std::size_t labelLength) {
   std::lock_guard<std::mutex> lock(mutex_);
   Statement query(db_,
-                  "SELECT type, count(*) AS n FROM events GROUP BY type ORDER BY n DESC, type "
-                  "LIMIT ?1");
-  std::vector<std::pair<std::string, std::int64_t>> rows;
+                  "SELECT substr(type, 1, ?2), length(type), count(*) AS n FROM events "
+                  "GROUP BY type ORDER BY n DESC, type LIMIT ?1");
+  std::vector<TypeCount> rows;
   if (!query.get()) return rows;
   sqlite3_bind_int(query.get(), 1, clampedLimit(limit));
+  sqlite3_bind_int64(query.get(), 2, asInt(labelLength));
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
-    rows.emplace_back(columnText(query.get(), 0), sqlite3_column_int64(query.get(), 1));
+    rows.push_back(TypeCount{columnText(query.get(), 0), sqlite3_column_int64(query.get(), 1),
+                             sqlite3_column_int64(query.get(), 2)});
   }
   return rows;
 }
 
-std::vector<RateBucket> CollectorStore::eventRate(std::int64_t sinceMs, std::int64_t bucketMs) {
+std::vector<RateBucket> CollectorStore::eventRate(std::int64_t sinceMs, std::int64_t bucketMs,
+                                                  std::size_t labelLength) {
   std::lock_guard<std::mutex> lock(mutex_);
   std::vector<RateBucket> rows;
   if (bucketMs <= 0) return rows;
   Statement query(db_,
-                  "SELECT received_ms / ?2 AS bucket, type, count(*) FROM events "
-                  "WHERE received_ms >= ?1 GROUP BY bucket, type ORDER BY bucket");
+                  "SELECT received_ms / ?2 AS bucket, substr(type, 1, ?3) AS shown, count(*) "
+                  "FROM events WHERE received_ms >= ?1 GROUP BY bucket, shown ORDER BY bucket");
   if (!query.get()) return rows;
   sqlite3_bind_int64(query.get(), 1, sinceMs);
   sqlite3_bind_int64(query.get(), 2, bucketMs);
+  sqlite3_bind_int64(query.get(), 3, asInt(labelLength));
   while (sqlite3_step(query.get()) == SQLITE_ROW) {
     sqlite3_stmt* s = query.get();
     rows.push_back(RateBucket{sqlite3_column_int64(s, 0) * bucketMs, columnText(s, 1),

@@ -49,20 +49,32 @@ struct EventRow {
   std::int64_t id = 0;  // assigned by the database
   std::string sessionId;
   std::string type;
-  std::string dataJson;                 // eventData as compact JSON (maybe cut, see dataLength)
+  std::string dataJson;                 // eventData as it was sent (maybe in part, see dataWhole)
   std::optional<std::int64_t> eventMs;  // eventData's "timestamp", when a number
   std::int64_t receivedMs = 0;
-  std::int64_t dataLength = 0;  // the whole dataJson's length in characters (listings only)
+  // The inspector's reads: the whole data's length in bytes, and whether
+  // dataJson is all of it (else its start); the whole lengths of the session
+  // id and type, which lists cut.
+  std::int64_t dataLength = 0;
+  bool dataWhole = true;
+  std::int64_t sessionIdLength = 0;
+  std::int64_t typeLength = 0;
 };
 
 struct ErrorRow {
   std::int64_t id = 0;
   std::string sessionId;
   std::optional<std::string> application;
-  std::string errorCodeJson;            // "errorCode" as compact JSON ("null" when absent)
+  std::string errorCodeJson;            // "errorCode" as it was sent ("null" when absent)
   std::optional<std::int64_t> errorMs;  // data's "timestamp", when a number
-  std::string dataJson;                 // the whole "data" object
+  std::string dataJson;                 // the whole "data" object (in part: see dataWhole)
   std::int64_t receivedMs = 0;
+  // The inspector's reads, as for events.
+  std::int64_t dataLength = 0;
+  bool dataWhole = true;
+  std::int64_t sessionIdLength = 0;
+  std::int64_t applicationLength = 0;
+  std::int64_t errorCodeLength = 0;
 };
 
 struct ProblemRow {
@@ -136,17 +148,27 @@ struct PageQuery {
   std::optional<std::string> text;       // events whose type, session or data contain this
                                          // (ASCII case-insensitive)
   int limit = 100;
-  // Event data longer than this is cut in the rows (dataLength keeps the
-  // whole length); 0 keeps it whole.
-  std::size_t previewLength = 0;
+  // Data longer than this many bytes is given by its start (dataWhole false);
+  // clamped to [1, kStoredPreviewBytes].
+  std::size_t previewLength = 200;
+  // Texts a device chose (types, session ids, names) are cut to this many
+  // characters, their whole lengths given beside them.
+  std::size_t labelLength = 200;
 };
 
 inline constexpr int kMaxPageRows = 1000;
+// Of data longer than this, the start is kept beside it, so that lists
+// never read the whole.
+inline constexpr std::size_t kStoredPreviewBytes = 4096;
 
 struct SessionSummary {
-  SessionRow session;
+  SessionRow session;  // members cut to the label length; helloJson empty
   std::int64_t eventCount = 0;
   std::int64_t lastSeenMs = 0;  // the last event's arrival, else the hello's
+  std::int64_t helloLength = 0;  // bytes of the whole hello document
+  // The members that were cut, with their whole lengths (hello names:
+  // "propertyName", ..., and "cookie").
+  std::vector<std::pair<std::string, std::int64_t>> cutMembers;
 };
 
 // Events of one type that arrived in one time bucket.
@@ -191,17 +213,35 @@ class CollectorStore {
   // The inspector's queries: pages newest first, each bounded by
   // PageQuery::limit and served from an index.
   std::vector<EventRow> eventPage(const PageQuery& query);
-  std::optional<EventRow> event(std::int64_t id);
-  std::vector<SessionSummary> sessionSummaries(int limit);
+  // One event: its data whole when at most `wholeBytes` long, else its first
+  // `pieceBytes`; labels cut as `labelLength` says.
+  std::optional<EventRow> event(std::int64_t id, std::size_t wholeBytes, std::size_t pieceBytes,
+                                std::size_t labelLength);
+  // `length` bytes of event `id`'s data from `offset` (fewer at its end),
+  // with the data's whole length; nothing when there is no such event.
+  std::optional<std::pair<std::string, std::int64_t>> eventData(std::int64_t id,
+                                                                std::int64_t offset,
+                                                                std::size_t length);
+  std::vector<SessionSummary> sessionSummaries(int limit, std::size_t labelLength);
+  // The hello document of session `id` as it was sent.
+  std::optional<std::string> helloDocument(const std::string& id);
   std::vector<ErrorRow> errorPage(const PageQuery& query);
   std::vector<ProblemRow> problemPage(const PageQuery& query);
   // The raw body of the request that problem `id` is about.
   std::optional<std::string> problemBody(std::int64_t id);
-  // Event types with their counts, most frequent first (at most `limit`).
-  std::vector<std::pair<std::string, std::int64_t>> eventTypes(int limit);
-  // Events received at or after `sinceMs`, counted per type in buckets of
-  // `bucketMs` (> 0) starting at multiples of it.
-  std::vector<RateBucket> eventRate(std::int64_t sinceMs, std::int64_t bucketMs);
+  // Event types (cut to `labelLength` characters) with their whole lengths
+  // and counts, most frequent first (at most `limit`).
+  struct TypeCount {
+    std::string type;
+    std::int64_t typeLength = 0;
+    std::int64_t count = 0;
+  };
+  std::vector<TypeCount> eventTypes(int limit, std::size_t labelLength);
+  // Events received at or after `sinceMs`, counted per type (cut to
+  // `labelLength` characters) in buckets of `bucketMs` (> 0) starting at
+  // multiples of it.
+  std::vector<RateBucket> eventRate(std::int64_t sinceMs, std::int64_t bucketMs,
+                                    std::size_t labelLength);
   StoreTotals totals();
 
  private:
