@@ -58,6 +58,9 @@ struct CollectorCommandOptions {
   CheckLimits check;
   double headerTimeout = 10, bodyTimeout = 10, idleTimeout = 2, writeTimeout = 10;
   ConnectionLimits connections;
+  std::int64_t queryTimeMs = 1000;
+  std::size_t readers = 4;
+  std::size_t searchBytes = CollectorStore::kDefaultSearchBytes;
   std::vector<std::string> allowedHosts;
   bool quiet = false;
 };
@@ -211,24 +214,30 @@ int runCollector(const CollectorCommandOptions& options) {
 
   std::string error;
   auto store = CollectorStore::open(collectorDatabasePath(dataDir).string(),
-                                    CollectorStore::Mode::kReadWrite, &error);
+                                    CollectorStore::Mode::kReadWrite, &error, options.searchBytes);
   if (!store) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
   }
   keepPrivate(dataDir);
-  // The inspector's own connection: its queries run beside the writes.
-  auto reader = CollectorStore::open(collectorDatabasePath(dataDir).string(),
-                                     CollectorStore::Mode::kReadOnly, &error);
-  if (!reader) {
-    std::cerr << "telvo collector: " << error << "\n";
-    return 1;
+  // The inspector's own connections: its queries run beside the writes, and
+  // beside each other.
+  std::vector<std::unique_ptr<CollectorStore>> readers;
+  for (std::size_t i = 0; i < options.readers; ++i) {
+    auto reader = CollectorStore::open(collectorDatabasePath(dataDir).string(),
+                                       CollectorStore::Mode::kReadOnly, &error);
+    if (!reader) {
+      std::cerr << "telvo collector: " << error << "\n";
+      return 1;
+    }
+    readers.push_back(std::move(reader));
   }
+  ReaderPool readerPool(std::move(readers), std::chrono::milliseconds(options.queryTimeMs));
   if (!installStopSignals(&error)) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
   }
-  CollectorServer collector(server, *store, reader.get());
+  CollectorServer collector(server, *store, readerPool);
   if (!collector.bind(&error)) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
@@ -267,7 +276,6 @@ int runCollector(const CollectorCommandOptions& options) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   serving.join();
-  reader.reset();
   store.reset();
   if (!served) {
     std::cerr << "telvo collector: the server stopped unexpectedly\n";
@@ -370,6 +378,21 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
                   "request)")
       ->capture_default_str()
       ->check(CLI::Range(std::size_t{1}, std::size_t{100000}));
+  cmd->add_option("--query-time-ms", o->queryTimeMs,
+                  "Longest an inspector query may take, in milliseconds (503 \"took too long\" "
+                  "beyond)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::int64_t{10}, std::int64_t{600000}));
+  cmd->add_option("--readers", o->readers,
+                  "Database connections the inspector's queries run on side by side")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{64}));
+  cmd->add_option("--search-bytes", o->searchBytes,
+                  "Of each event stored, the start of its data kept for lists and searched "
+                  "(with as many characters of its type and session id); a text past it is "
+                  "not found")
+      ->capture_default_str()
+      ->check(CLI::Range(CollectorStore::kDefaultSearchBytes, std::size_t{16384}));
   cmd->add_option("--allow-host", o->allowedHosts,
                   "A name requests may give as their Host besides localhost and IP addresses "
                   "(repeatable; other names are refused, which stops DNS rebinding)");

@@ -810,5 +810,141 @@ TEST_F(CollectorFaultsTest, ListsCutDeviceTextAndLargeDataIsReadInPieces) {
               collector_.statusKiB("VmHWM") / 1024.0, grown / 1024.0);
 }
 
+// ---- search: indexed, and bounded in time ----
+
+TEST_F(CollectorFaultsTest, SearchesAreIndexedBoundedInTimeAndHoldUpNoOtherQuery) {
+  constexpr int kLimitMs = kSanitized ? 1000 : 300;
+  start({"--query-time-ms", std::to_string(kLimitMs)});
+  const std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  // Text that costs a LIKE the most for a run of a's: runs of 1,023 a's.
+  std::string runs;
+  while (runs.size() < (15u << 20) + (512u << 10)) runs += std::string(1023, 'a') + "b";
+  // One event of some 15.5 MiB (just within the default inflate limit),
+  // then 600 of 6 KiB.
+  auto [status, body] = post("/api/postEvent/batch.json",
+                             envelopeOf(batchText(session, "{\"t\":\"" + runs + "\"}")));
+  ASSERT_EQ(status, 200) << body.substr(0, 300);
+  std::string events;
+  for (int i = 0; i < 600; ++i) {
+    events += std::string(i ? "," : "") + "{\"eventType\":\"run\",\"eventData\":{\"t\":\"" +
+              runs.substr(static_cast<std::size_t>(i), 6000) + "\"}}";
+  }
+  std::tie(status, body) = post(
+      "/api/postEvent/batch.json",
+      envelopeOf("{\"sessionId\":\"" + session + "\",\"events\":[" + events + "]}"));
+  ASSERT_EQ(status, 200) << body.substr(0, 300);
+  std::tie(status, body) = post(
+      "/api/postEvent/batch.json",
+      envelopeOf(batchText(session, "{\"title\":\"a needle, 100% of it\"}")));
+  ASSERT_EQ(status, 200) << body;
+
+  // 1,024 a's: every event holds its trigrams, none the text, and each
+  // check reads a few KiB many times over. It stops at its time limit.
+  const std::string longest = "/inspect/api/events?q=" + std::string(1024, 'a');
+  std::atomic<bool> searching{true};
+  std::atomic<int> searches{0}, tooLong{0}, late{0};
+  std::vector<std::thread> searchers;
+  for (int i = 0; i < 2; ++i) {
+    searchers.emplace_back([&] {
+      auto c = client();
+      while (searching) {
+        const auto asked = Clock::now();
+        auto res = c->Get(longest.c_str());
+        ++searches;
+        if (secondsSince(asked) > kLimitMs / 1000.0 + 1.5) ++late;
+        if (res && res->status == 503 &&
+            res->body.find("search took too long") != std::string::npos) {
+          ++tooLong;
+        }
+      }
+    });
+  }
+  // Meanwhile the page's other queries answer at once.
+  double slowest = 0;
+  for (int i = 0; i < 10; ++i) {
+    for (std::string target : {"/inspect/api/summary", "/inspect/api/events?limit=100",
+                               "/inspect/api/events?q=needle"}) {
+      const auto asked = Clock::now();
+      auto res = client()->Get(target.c_str());
+      slowest = std::max(slowest, secondsSince(asked));
+      ASSERT_TRUE(res) << target;
+      EXPECT_EQ(res->status, 200) << target << ": " << res->body.substr(0, 200);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  searching = false;
+  for (auto& searcher : searchers) searcher.join();
+  EXPECT_GT(searches.load(), 0);
+  EXPECT_EQ(tooLong.load(), searches.load()) << "searches answered other than 503";
+  EXPECT_EQ(late.load(), 0) << "searches answered well past their limit";
+  EXPECT_LT(slowest, kLimitMs / 1000.0 + 0.5) << "seconds a query waited behind the searches";
+  EXPECT_GE(summary()["queries"].value("timedOut", 0), searches.load()) << summary().dump();
+
+  // What a search finds: any case, its own % taken literally, two
+  // characters read row by row.
+  auto found = [&](const std::string& q) {
+    auto res = client()->Get(("/inspect/api/events?limit=1000&q=" + q).c_str());
+    EXPECT_TRUE(res && res->status == 200) << q;
+    return res && res->status == 200 ? Json::parse(res->body)["events"].size() : 0u;
+  };
+  EXPECT_EQ(found("NEEDLE"), 1u);
+  EXPECT_EQ(found("100%25%20of"), 1u);
+  EXPECT_EQ(found("0%25"), 1u);
+  EXPECT_EQ(found("aab"), 601u);
+  EXPECT_EQ(found("ru"), 600u);
+  EXPECT_EQ(found("needles"), 0u);
+  // Text past the start of an event's data that is searched (4 KiB) is not
+  // found: only the small event's data ends within it.
+  EXPECT_EQ(found("%22%7D"), 1u);
+  std::printf("%d searches of 1,024 characters, each stopped at %d ms\n", searches.load(),
+              kLimitMs);
+}
+
+TEST_F(CollectorFaultsTest, ADatabaseOfAnOlderCollectorIsCountedAndIndexedWhenOpened) {
+  start();
+  const std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  for (const char* type : {"play", "play", "pause"}) {
+    auto [status, body] = post(
+        "/api/postEvent/batch.json",
+        envelopeOf(batchText(session, "{\"title\":\"" + std::string(type) + " the film\"}")));
+    ASSERT_EQ(status, 200) << body;
+  }
+  ASSERT_EQ(collector_.stop(), 0);
+  // What an older collector left: the rows only.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dataDir_ + "/collector.db").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "DROP TABLE events_text; DROP VIEW events_search; DROP TABLE type_counts; "
+                         "DROP TABLE event_rate; DROP TABLE session_events; DROP TABLE counters; "
+                         "PRAGMA user_version = 0;",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+
+  start();
+  const Json counted = summary();
+  EXPECT_EQ(counted.value("events", 0), 3) << counted.dump();
+  EXPECT_EQ(counted.value("sessions", 0), 1);
+  ASSERT_EQ(counted["eventTypes"].size(), 1u);  // all "big"
+  EXPECT_EQ(counted["eventTypes"][0].value("count", 0), 3);
+  auto get = [&](const std::string& target) {
+    auto res = client()->Get(target.c_str());
+    return res && res->status == 200 ? Json::parse(res->body) : Json();
+  };
+  EXPECT_EQ(get("/inspect/api/sessions")["sessions"][0].value("eventCount", 0), 3);
+  EXPECT_EQ(get("/inspect/api/events?q=PLAY%20the")["events"].size(), 2u);
+  std::int64_t charted = 0;
+  const Json rate = get("/inspect/api/rate?period=3600&bucket=60");
+  for (const Json& bucket : rate["buckets"]) charted += bucket.value("count", 0);
+  EXPECT_EQ(charted, 3) << rate.dump();
+  // And the new rows are counted on top.
+  auto [status, body] = post("/api/postEvent/batch.json", envelopeOf(batchText(session, "{}")));
+  ASSERT_EQ(status, 200) << body;
+  EXPECT_EQ(summary().value("events", 0), 4);
+}
+
 }  // namespace
 }  // namespace telvo

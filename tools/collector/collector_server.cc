@@ -202,10 +202,10 @@ void CollectorServer::closeAfterAnswer(const httplib::Request& req) {
 }
 
 CollectorServer::CollectorServer(CollectorOptions options, CollectorStore& store,
-                                 CollectorStore* reader)
+                                 ReaderPool& readers)
     : options_(std::move(options)),
       store_(store),
-      inspector_(reader ? *reader : store),
+      inspector_(readers),
       random_(std::random_device{}()) {}
 
 CollectorServer::~CollectorServer() { stop(); }
@@ -346,6 +346,7 @@ void CollectorServer::installRoutes() {
   server_->Delete(".*", stray);
 
   inspector_.setConnectionCounters([this] { return server_->counters(); });
+  inspector_.setLog([this](const std::string& line) { log(line); });
   inspector_.installRoutes(*server_);
 
   server_->set_error_handler(httplib::Server::HandlerWithResponse(

@@ -79,11 +79,10 @@ struct CollectorOptions {
 
 class CollectorServer {
  public:
-  // `store` must outlive the server. The inspector reads through `reader`
-  // (a read-only connection to the same database, so that its queries do
-  // not wait for posts being stored, nor hold them up), else through `store`.
-  CollectorServer(CollectorOptions options, CollectorStore& store,
-                  CollectorStore* reader = nullptr);
+  // `store` and `readers` must outlive the server. The inspector reads
+  // through `readers` (read-only connections to the same database, so that
+  // its queries do not wait for posts being stored, nor hold them up).
+  CollectorServer(CollectorOptions options, CollectorStore& store, ReaderPool& readers);
   ~CollectorServer();
   CollectorServer(const CollectorServer&) = delete;
   CollectorServer& operator=(const CollectorServer&) = delete;

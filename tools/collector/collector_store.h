@@ -14,12 +14,17 @@
 // record() call is one transaction: a request's rows are stored together or
 // not at all, and rows already committed are never touched again.
 //
+// Besides the rows, each record keeps counts (per type, per second and type,
+// per session, per table) and a trigram index of its events' text, so that
+// the inspector's queries read a few rows however many events there are.
+//
 // Thread-safe: one connection, every call serialised by a mutex (the HTTPS
-// server answers on several threads). The inspector reads through a second,
-// read-only CollectorStore on the same file, so its queries and the posts
-// being stored do not wait for each other.
+// server answers on several threads). The inspector reads through a few
+// read-only CollectorStores on the same file, each with a time limit, so
+// its queries and the posts being stored do not wait for each other.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -145,8 +150,9 @@ struct PageQuery {
   std::optional<std::int64_t> sinceMs;   // only rows received at or after this time
   std::optional<std::string> sessionId;  // events and errors of this session
   std::optional<std::string> type;       // events of this type
-  std::optional<std::string> text;       // events whose type, session or data contain this
-                                         // (ASCII case-insensitive)
+  // Events whose type, session or data contain this (ASCII case-insensitive),
+  // within their search text (see open()).
+  std::optional<std::string> text;
   int limit = 100;
   // Data longer than this many bytes is given by its start (dataWhole false);
   // clamped to [1, kStoredPreviewBytes].
@@ -157,6 +163,8 @@ struct PageQuery {
 };
 
 inline constexpr int kMaxPageRows = 1000;
+// Event types are counted, and charted, by their first this many characters.
+inline constexpr std::size_t kShownLabelLength = 200;
 // Of data longer than this, the start is kept beside it, so that lists
 // never read the whole.
 inline constexpr std::size_t kStoredPreviewBytes = 4096;
@@ -191,8 +199,15 @@ class CollectorStore {
   // Opens (kReadWrite: creates when missing, switches to WAL, creates the
   // tables) the database at `path`. Nothing, with `*error` set to one line,
   // when it cannot be opened.
+  // `searchBytes` (at least kStoredPreviewBytes): of each event's data, the
+  // start kept beside it for lists and searches; a search reads that and
+  // the type's and session id's first as many characters, so a text past
+  // them is not found. It applies to the events stored from then on; a
+  // database made by an older collector is indexed when first opened.
+  static constexpr std::size_t kDefaultSearchBytes = kStoredPreviewBytes;
   static std::unique_ptr<CollectorStore> open(const std::string& path, Mode mode,
-                                              std::string* error);
+                                              std::string* error,
+                                              std::size_t searchBytes = kDefaultSearchBytes);
   ~CollectorStore();
   CollectorStore(const CollectorStore&) = delete;
   CollectorStore& operator=(const CollectorStore&) = delete;
@@ -244,12 +259,23 @@ class CollectorStore {
                                     std::size_t labelLength);
   StoreTotals totals();
 
+  // The inspector's reads stop after `limit` (0: never), and timedOut() then
+  // says so: every read call starts its own clock. A read stopped so gives
+  // what it had read by then.
+  void setTimeLimit(std::chrono::milliseconds limit);
+  bool timedOut();
+
+
  private:
   explicit CollectorStore(sqlite3* db);
   bool addMissingColumns(std::string* error);
   bool prepareWriters(std::string* error);
   bool insertRows(const RequestRecord& rows, std::string* error);
   bool exec(const char* sql, std::string* error);
+  bool fillKept(std::string* error);
+  bool countEvents(const RequestRecord& rows, std::string* error);
+  void startClock();  // with mutex_ held
+  static int onProgress(void* self);
 
   std::mutex mutex_;
   sqlite3* db_;
@@ -260,6 +286,16 @@ class CollectorStore {
   sqlite3_stmt* insertProblem_ = nullptr;
   sqlite3_stmt* insertBody_ = nullptr;
   sqlite3_stmt* findSession_ = nullptr;
+  sqlite3_stmt* indexText_ = nullptr;
+  sqlite3_stmt* countType_ = nullptr;
+  sqlite3_stmt* countSecond_ = nullptr;
+  sqlite3_stmt* countSession_ = nullptr;
+  sqlite3_stmt* countRows_ = nullptr;
+  std::size_t searchBytes_ = kDefaultSearchBytes;
+  // The time limit of reads (guarded by mutex_).
+  std::chrono::milliseconds limit_{0};
+  std::chrono::steady_clock::time_point deadline_;
+  bool timedOut_ = false;
 };
 
 }  // namespace telvo::tool

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
+#include <memory>
+#include <vector>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -256,6 +259,61 @@ void serveAsset(const std::string& name, httplib::Response& res) {
 
 }  // namespace
 
+ReaderPool::ReaderPool(std::vector<std::unique_ptr<CollectorStore>> readers,
+                       std::chrono::milliseconds timeLimit)
+    : readers_(std::move(readers)), timeLimit_(timeLimit) {
+  for (auto& reader : readers_) {
+    reader->setTimeLimit(timeLimit);
+    free_.push_back(reader.get());
+  }
+}
+
+ReaderPool::Lent ReaderPool::borrow() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  // Each reader is held at most for its time limit (and the writing of an
+  // answer): a wait of twice that means something is stuck.
+  if (!available_.wait_for(lock, 2 * timeLimit_ + std::chrono::seconds(1),
+                           [this] { return !free_.empty(); })) {
+    return Lent(this, nullptr);
+  }
+  CollectorStore* reader = free_.back();
+  free_.pop_back();
+  return Lent(this, reader);
+}
+
+void ReaderPool::giveBack(CollectorStore* reader) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    free_.push_back(reader);
+  }
+  available_.notify_one();
+}
+
+void Inspector::withReader(httplib::Response& res, bool search,
+                           const std::function<void(CollectorStore&)>& work) {
+  auto reader = readers_.borrow();
+  if (!reader) {
+    note(&Inspector::busy_, "an inspector query found no reader free in time and was answered 503");
+    refuse(res, 503, "the inspector is busy: try again");
+    return;
+  }
+  work(*reader);
+  if (reader->timedOut()) {
+    const std::string limit = std::to_string(readers_.timeLimit().count()) + " ms";
+    note(&Inspector::timedOut_, "an inspector query took more than " + limit +
+                                    " (--query-time-ms) and was stopped: answered 503");
+    refuse(res, 503,
+           search ? "search took too long (more than " + limit +
+                        "): narrow it to a type or a session, or search for a longer text"
+                  : "query took too long (more than " + limit + ")");
+  }
+}
+
+void Inspector::note(std::atomic<std::uint64_t> Inspector::*counter, const std::string& what) {
+  // Counted in the summary; said once in the log.
+  if ((this->*counter)++ == 0 && log_) log_(what + " (counted in the summary from now on)");
+}
+
 void Inspector::installRoutes(httplib::Server& server) {
   auto page = [](const httplib::Request&, httplib::Response& res) {
     serveAsset("index.html", res);
@@ -270,7 +328,8 @@ void Inspector::installRoutes(httplib::Server& server) {
       [](const httplib::Request& req, httplib::Response& res) { serveAsset(req.matches[1], res); });
 
   server.Get("/inspect/api/summary", [this](const httplib::Request&, httplib::Response& res) {
-    StoreTotals totals = store_.totals();
+    withReader(res, false, [&](CollectorStore& store) {
+    StoreTotals totals = store.totals();
     JsonText out;
     out.open('{');
     out.key("now").number(nowMs());
@@ -282,7 +341,7 @@ void Inspector::installRoutes(httplib::Server& server) {
     out.key("lastErrorId").number(totals.lastErrorId);
     out.key("lastProblemId").number(totals.lastProblemId);
     out.key("eventTypes").open('[');
-    for (const auto& type : store_.eventTypes(kSummaryTypes, kLabelLength)) {
+    for (const auto& type : store.eventTypes(kSummaryTypes, kLabelLength)) {
       out.open('{');
       out.label("eventType", type.type, type.typeLength);
       out.key("count").number(type.count);
@@ -303,8 +362,13 @@ void Inspector::installRoutes(httplib::Server& server) {
       out.key("failedHandshakes").number(count(c.failedHandshakes));
     }
     out.close('}');
+    out.key("queries").open('{');
+    out.key("timedOut").number(static_cast<std::int64_t>(timedOut_.load()));
+    out.key("busy").number(static_cast<std::int64_t>(busy_.load()));
+    out.close('}');
     out.close('}');
     answer(res, out.take());
+    });
   });
 
   server.Get("/inspect/api/sessions",
@@ -312,9 +376,10 @@ void Inspector::installRoutes(httplib::Server& server) {
                Parameters parameters(req);
                int limit = static_cast<int>(
                    parameters.number("limit", 1, kMaxPageRows).value_or(kDefaultPageRows));
+               withReader(res, false, [&](CollectorStore& store) {
                JsonText out;
                out.open('{').key("sessions").open('[');
-               for (const SessionSummary& summary : store_.sessionSummaries(limit, kLabelLength)) {
+               for (const SessionSummary& summary : store.sessionSummaries(limit, kLabelLength)) {
                  const SessionRow& s = summary.session;
                  auto length = [&](const char* member, const std::optional<std::string>& value) {
                    for (const auto& [name, whole] : summary.cutMembers) {
@@ -351,18 +416,21 @@ void Inspector::installRoutes(httplib::Server& server) {
                }
                out.close(']').close('}');
                answer(res, out.take());
+               });
              }));
 
   server.Get(R"(/inspect/api/sessions/([0-9a-f-]{1,64})/hello)",
              [this](const httplib::Request& req, httplib::Response& res) {
-               auto hello = store_.helloDocument(req.matches[1]);
-               if (!hello) {
-                 refuse(res, 404, "no such session");
-                 return;
-               }
-               res.status = 200;
-               res.set_header("Content-Disposition", "attachment; filename=\"hello.json\"");
-               res.set_content(std::move(*hello), "application/json; charset=utf-8");
+               withReader(res, false, [&](CollectorStore& store) {
+                 auto hello = store.helloDocument(req.matches[1]);
+                 if (!hello) {
+                   refuse(res, 404, "no such session");
+                   return;
+                 }
+                 res.status = 200;
+                 res.set_header("Content-Disposition", "attachment; filename=\"hello.json\"");
+                 res.set_content(std::move(*hello), "application/json; charset=utf-8");
+               });
              });
 
   server.Get("/inspect/api/events",
@@ -375,24 +443,28 @@ void Inspector::installRoutes(httplib::Server& server) {
                query.previewLength = static_cast<std::size_t>(
                    parameters.number("preview", 1, kMaxPreview).value_or(kDefaultPreview));
                query.labelLength = kLabelLength;
-               JsonText out;
-               out.open('{').key("events").open('[');
-               for (const EventRow& row : store_.eventPage(query)) writeEvent(out, row, false);
-               out.close(']').close('}');
-               answer(res, out.take());
+               withReader(res, query.text.has_value(), [&](CollectorStore& store) {
+                 JsonText out;
+                 out.open('{').key("events").open('[');
+                 for (const EventRow& row : store.eventPage(query)) writeEvent(out, row, false);
+                 out.close(']').close('}');
+                 answer(res, out.take());
+               });
              }));
 
   server.Get(R"(/inspect/api/events/(\d{1,18}))",
              [this](const httplib::Request& req, httplib::Response& res) {
-               auto row = store_.event(std::stoll(req.matches[1]), kDetailWholeBytes,
-                                       kDetailPieceBytes, kLabelLength);
-               if (!row) {
-                 refuse(res, 404, "no such event");
-                 return;
-               }
-               JsonText out;
-               writeEvent(out, *row, true);
-               answer(res, out.take());
+               withReader(res, false, [&](CollectorStore& store) {
+                 auto row = store.event(std::stoll(req.matches[1]), kDetailWholeBytes,
+                                        kDetailPieceBytes, kLabelLength);
+                 if (!row) {
+                   refuse(res, 404, "no such event");
+                   return;
+                 }
+                 JsonText out;
+                 writeEvent(out, *row, true);
+                 answer(res, out.take());
+               });
              });
 
   // An event's data as bytes: a piece (offset, length) or, without them,
@@ -404,21 +476,25 @@ void Inspector::installRoutes(httplib::Server& server) {
                auto offset = parameters.number("offset", 0, INT64_MAX);
                auto length = parameters.number("length", 1, kMaxPieceBytes);
                if (offset || length) {
-                 auto piece = store_.eventData(id, offset.value_or(0),
-                                               static_cast<std::size_t>(length.value_or(
-                                                   kDetailPieceBytes)));
-                 if (!piece) {
-                   refuse(res, 404, "no such event");
-                   return;
-                 }
-                 res.status = 200;
-                 res.set_header("Cache-Control", "no-store");
-                 res.set_content(std::move(piece->first), "text/plain; charset=utf-8");
+                 withReader(res, false, [&](CollectorStore& store) {
+                   auto piece = store.eventData(id, offset.value_or(0),
+                                                static_cast<std::size_t>(length.value_or(
+                                                    kDetailPieceBytes)));
+                   if (!piece) {
+                     refuse(res, 404, "no such event");
+                     return;
+                   }
+                   res.status = 200;
+                   res.set_header("Cache-Control", "no-store");
+                   res.set_content(std::move(piece->first), "text/plain; charset=utf-8");
+                 });
                  return;
                }
-               auto first = store_.eventData(id, 0, 0);
+               std::optional<std::pair<std::string, std::int64_t>> first;
+               withReader(res, false,
+                          [&](CollectorStore& store) { first = store.eventData(id, 0, 0); });
                if (!first) {
-                 refuse(res, 404, "no such event");
+                 if (res.status < 400) refuse(res, 404, "no such event");
                  return;
                }
                const auto total = static_cast<std::size_t>(first->second);
@@ -428,8 +504,10 @@ void Inspector::installRoutes(httplib::Server& server) {
                res.set_content_provider(
                    total, "application/json",
                    [this, id](std::size_t at, std::size_t wanted, httplib::DataSink& sink) {
-                     auto piece = store_.eventData(id, static_cast<std::int64_t>(at),
-                                                   std::min(wanted, kPieceLimit));
+                     auto reader = readers_.borrow();
+                     if (!reader) return false;
+                     auto piece = reader->eventData(id, static_cast<std::int64_t>(at),
+                                                    std::min(wanted, kPieceLimit));
                      if (!piece || piece->first.empty()) return false;
                      return sink.write(piece->first.data(), piece->first.size());
                    });
@@ -443,9 +521,10 @@ void Inspector::installRoutes(httplib::Server& server) {
                query.previewLength = static_cast<std::size_t>(
                    parameters.number("preview", 1, kMaxPreview).value_or(kMaxPreview));
                query.labelLength = kLabelLength;
+               withReader(res, false, [&](CollectorStore& store) {
                JsonText out;
                out.open('{').key("errors").open('[');
-               for (const ErrorRow& row : store_.errorPage(query)) {
+               for (const ErrorRow& row : store.errorPage(query)) {
                  out.open('{');
                  out.key("id").number(row.id);
                  out.label("sessionId", row.sessionId, row.sessionIdLength);
@@ -467,6 +546,7 @@ void Inspector::installRoutes(httplib::Server& server) {
                }
                out.close(']').close('}');
                answer(res, out.take());
+               });
              }));
 
   server.Get("/inspect/api/problems",
@@ -474,9 +554,10 @@ void Inspector::installRoutes(httplib::Server& server) {
                Parameters parameters(req);
                PageQuery query = parameters.page();
                query.labelLength = kLabelLength;
+               withReader(res, false, [&](CollectorStore& store) {
                JsonText out;
                out.open('{').key("problems").open('[');
-               for (const ProblemRow& row : store_.problemPage(query)) {
+               for (const ProblemRow& row : store.problemPage(query)) {
                  out.open('{');
                  out.key("id").number(row.id);
                  out.key("received").number(row.receivedMs);
@@ -490,12 +571,15 @@ void Inspector::installRoutes(httplib::Server& server) {
                }
                out.close(']').close('}');
                answer(res, out.take());
+               });
              }));
 
   server.Get(R"(/inspect/api/problems/(\d{1,18})/body)", [this](const httplib::Request& req,
                                                                 httplib::Response& res) {
     std::string id = req.matches[1];
-    auto body = store_.problemBody(std::stoll(id));
+    std::optional<std::string> body;
+    withReader(res, false, [&](CollectorStore& store) { body = store.problemBody(std::stoll(id)); });
+    if (res.status >= 400) return;
     if (!body) {
       refuse(res, 404, "no body kept for this problem");
       return;
@@ -518,11 +602,15 @@ void Inspector::installRoutes(httplib::Server& server) {
         std::int64_t bucketMs = bucket * 1000;
         std::int64_t to = nowMs();
         std::int64_t from = (to - period * 1000) / bucketMs * bucketMs;
-        Json buckets = Json::array();
-        for (const RateBucket& b : store_.eventRate(from, bucketMs, kLabelLength)) {
-          buckets.push_back(Json{{"start", b.startMs}, {"eventType", b.type}, {"count", b.count}});
-        }
-        answer(res, Json{{"from", from}, {"to", to}, {"bucketMs", bucketMs}, {"buckets", buckets}});
+        withReader(res, false, [&](CollectorStore& store) {
+          Json buckets = Json::array();
+          for (const RateBucket& b : store.eventRate(from, bucketMs, kLabelLength)) {
+            buckets.push_back(
+                Json{{"start", b.startMs}, {"eventType", b.type}, {"count", b.count}});
+          }
+          answer(res,
+                 Json{{"from", from}, {"to", to}, {"bucketMs", bucketMs}, {"buckets", buckets}});
+        });
       }));
 }
 
