@@ -810,6 +810,29 @@ TEST_F(CollectorFaultsTest, ListsCutDeviceTextAndLargeDataIsReadInPieces) {
               collector_.statusKiB("VmHWM") / 1024.0, grown / 1024.0);
 }
 
+TEST_F(CollectorFaultsTest, A48MiBEventIsReadWithinAQuarterGigabyte) {
+  start({"--max-inflated", std::to_string(64 << 20)});
+  const std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  const std::string text(48u << 20, 'x');
+  auto [status, answer] =
+      post("/api/postEvent/batch.json", envelopeOf(batchText(session, "{\"t\":\"" + text + "\"}")));
+  ASSERT_EQ(status, 200) << answer.substr(0, 300);
+  auto get = [&](const std::string& target) {
+    auto res = client()->Get(target.c_str());
+    EXPECT_TRUE(res) << target;
+    return res ? std::make_pair(res->status, res->body.size()) : std::make_pair(-1, std::size_t{0});
+  };
+  EXPECT_EQ(get("/inspect/api/events/1").first, 200);
+  EXPECT_LT(get("/inspect/api/events/1").second, 512u * 1024);
+  EXPECT_NE(get("/inspect/api/events?preview=0&limit=3").first, 200);
+  EXPECT_EQ(get("/inspect/api/events?limit=3&preview=4096").first, 200);
+  EXPECT_EQ(get("/inspect/api/events/1/data").second, text.size() + 8);
+  const long peak = collector_.statusKiB("VmHWM");
+  EXPECT_LT(peak, (kSanitized ? 1024 : 256) * 1024) << "KiB at the peak";
+  std::printf("collector peak with a 48 MiB event stored and read: %.1f MiB\n", peak / 1024.0);
+}
+
 // ---- search: indexed, and bounded in time ----
 
 TEST_F(CollectorFaultsTest, SearchesAreIndexedBoundedInTimeAndHoldUpNoOtherQuery) {
