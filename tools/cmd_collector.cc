@@ -2,12 +2,15 @@
 //   [--config-dir DIR] [--throttle] [--clock-skew MS] [--callback NAME]
 //   [--set-cookie TEXT] [--max-body BYTES] [--keep-body BYTES] [--keep-stray-body BYTES]
 //   [--max-inflated BYTES] [--max-depth N]
-//   [--max-members N] [--max-problems N] [--max-session-id BYTES] [--allow-host NAME]...
-//   [--quiet]`:
+//   [--max-members N] [--max-problems N] [--max-session-id BYTES] [--header-timeout S]
+//   [--body-timeout S] [--idle-timeout S] [--write-timeout S] [--max-header-bytes BYTES]
+//   [--max-headers N] [--max-connections-per-address N] [--max-connections N]
+//   [--allow-host NAME]... [--quiet]`:
 // a local stand-in for the analytics service and the configuration location,
 // over HTTPS on 127.0.0.1, storing everything it receives in
 // <data>/collector.db, with an inspector page at https://127.0.0.1:<port>/
-// to watch it arrive. Runs until SIGINT or SIGTERM, then exits 0.
+// to watch it arrive. Runs until SIGINT or SIGTERM, then exits 0 within two
+// seconds whatever its connections do.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -17,6 +20,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -52,9 +56,17 @@ struct CollectorCommandOptions {
   std::size_t keepBody = 64 * 1024;
   std::size_t keepStrayBody = 4096;
   CheckLimits check;
+  double headerTimeout = 10, bodyTimeout = 10, idleTimeout = 2, writeTimeout = 10;
+  ConnectionLimits connections;
+  std::int64_t queryTimeMs = 1000;
+  std::size_t readers = 4;
+  std::size_t searchBytes = CollectorStore::kDefaultSearchBytes;
   std::vector<std::string> allowedHosts;
   bool quiet = false;
 };
+
+// How long a stop waits for the requests being handled.
+constexpr std::chrono::milliseconds kStopWithin{1500};
 
 // Written by the signal handler (and by the serving thread when it ends on
 // its own); the main thread waits on the read end.
@@ -171,6 +183,14 @@ int runCollector(const CollectorCommandOptions& options) {
   server.check = options.check;
   server.logRequests = !options.quiet;
   server.allowedHosts = options.allowedHosts;
+  auto milliseconds = [](double seconds) {
+    return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+  };
+  server.connections = options.connections;
+  server.connections.headerTimeout = milliseconds(options.headerTimeout);
+  server.connections.bodyTimeout = milliseconds(options.bodyTimeout);
+  server.connections.idleTimeout = milliseconds(options.idleTimeout);
+  server.connections.writeTimeout = milliseconds(options.writeTimeout);
   if (!options.callback.empty()) server.callback = options.callback;
   if (!options.setCookie.empty()) server.setCookie = options.setCookie;
   if (!options.configDir.empty()) server.configDir = options.configDir;
@@ -194,24 +214,30 @@ int runCollector(const CollectorCommandOptions& options) {
 
   std::string error;
   auto store = CollectorStore::open(collectorDatabasePath(dataDir).string(),
-                                    CollectorStore::Mode::kReadWrite, &error);
+                                    CollectorStore::Mode::kReadWrite, &error, options.searchBytes);
   if (!store) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
   }
   keepPrivate(dataDir);
-  // The inspector's own connection: its queries run beside the writes.
-  auto reader = CollectorStore::open(collectorDatabasePath(dataDir).string(),
-                                     CollectorStore::Mode::kReadOnly, &error);
-  if (!reader) {
-    std::cerr << "telvo collector: " << error << "\n";
-    return 1;
+  // The inspector's own connections: its queries run beside the writes, and
+  // beside each other.
+  std::vector<std::unique_ptr<CollectorStore>> readers;
+  for (std::size_t i = 0; i < options.readers; ++i) {
+    auto reader = CollectorStore::open(collectorDatabasePath(dataDir).string(),
+                                       CollectorStore::Mode::kReadOnly, &error);
+    if (!reader) {
+      std::cerr << "telvo collector: " << error << "\n";
+      return 1;
+    }
+    readers.push_back(std::move(reader));
   }
+  ReaderPool readerPool(std::move(readers), std::chrono::milliseconds(options.queryTimeMs));
   if (!installStopSignals(&error)) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
   }
-  CollectorServer collector(server, *store, reader.get());
+  CollectorServer collector(server, *store, readerPool);
   if (!collector.bind(&error)) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
@@ -234,13 +260,22 @@ int runCollector(const CollectorCommandOptions& options) {
   }
   waitForStop();
   // A stop that lands before the server has started listening is lost, so
-  // it is repeated until the serving thread has returned.
+  // it is repeated until the serving thread has returned. Every connection
+  // ends at once; a request still being handled gets until the deadline to
+  // finish, after which the process ends without it (what is committed to
+  // the database stays: SQLite's write-ahead log survives that).
+  const auto deadline = std::chrono::steady_clock::now() + kStopWithin;
   while (!finished) {
     collector.stop();
+    if (std::chrono::steady_clock::now() > deadline) {
+      std::cerr << "telvo collector: requests still running after "
+                << std::chrono::duration_cast<std::chrono::milliseconds>(kStopWithin).count()
+                << " ms; stopping without them\n";
+      std::_Exit(0);
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   serving.join();
-  reader.reset();
   store.reset();
   if (!served) {
     std::cerr << "telvo collector: the server stopped unexpectedly\n";
@@ -306,6 +341,58 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
                   "never handed out, is stored cut)")
       ->capture_default_str()
       ->check(CLI::Range(std::size_t{36}, std::size_t{1} << 20));
+  auto seconds = CLI::Range(0.1, 3600.0);
+  cmd->add_option("--header-timeout", o->headerTimeout,
+                  "Seconds a request has for its headers (408 and closed beyond)")
+      ->capture_default_str()
+      ->check(seconds);
+  cmd->add_option("--body-timeout", o->bodyTimeout,
+                  "Seconds a request has for its body once its headers are in (408 and closed "
+                  "beyond)")
+      ->capture_default_str()
+      ->check(seconds);
+  cmd->add_option("--idle-timeout", o->idleTimeout,
+                  "Seconds a connection may stay silent before its first byte or between "
+                  "requests")
+      ->capture_default_str()
+      ->check(seconds);
+  cmd->add_option("--write-timeout", o->writeTimeout,
+                  "Seconds an answer may make no progress before its connection is closed")
+      ->capture_default_str()
+      ->check(seconds);
+  cmd->add_option("--max-header-bytes", o->connections.maxHeaderBytes,
+                  "Most bytes of a request's line and headers (431 and closed beyond)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1024}, std::size_t{1} << 24));
+  cmd->add_option("--max-headers", o->connections.maxHeaders,
+                  "Most headers of one request (431 beyond)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{8}, std::size_t{100000}));
+  cmd->add_option("--max-connections-per-address", o->connections.maxConnectionsPerAddress,
+                  "Most connections open from one client address (a newer one closes the "
+                  "oldest waiting for its request)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000}));
+  cmd->add_option("--max-connections", o->connections.maxConnections,
+                  "Most connections open in all (a newer one closes the oldest waiting for its "
+                  "request)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{100000}));
+  cmd->add_option("--query-time-ms", o->queryTimeMs,
+                  "Longest an inspector query may take, in milliseconds (503 \"took too long\" "
+                  "beyond)")
+      ->capture_default_str()
+      ->check(CLI::Range(std::int64_t{10}, std::int64_t{600000}));
+  cmd->add_option("--readers", o->readers,
+                  "Database connections the inspector's queries run on side by side")
+      ->capture_default_str()
+      ->check(CLI::Range(std::size_t{1}, std::size_t{64}));
+  cmd->add_option("--search-bytes", o->searchBytes,
+                  "Of each event stored, the start of its data kept for lists and searched "
+                  "(with as many characters of its type and session id); a text past it is "
+                  "not found")
+      ->capture_default_str()
+      ->check(CLI::Range(CollectorStore::kDefaultSearchBytes, std::size_t{16384}));
   cmd->add_option("--allow-host", o->allowedHosts,
                   "A name requests may give as their Host besides localhost and IP addresses "
                   "(repeatable; other names are refused, which stops DNS rebinding)");

@@ -7,6 +7,9 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
@@ -14,6 +17,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <random>
@@ -85,6 +89,101 @@ std::string wideArray(const std::string& element, std::size_t size) {
   return text;
 }
 
+// A TLS connection to the collector made by hand, so that it can be slow,
+// greedy or half-done as a hostile client is: from a chosen loopback
+// address, every wait bounded.
+class RawConnection {
+ public:
+  RawConnection() = default;
+  RawConnection(const RawConnection&) = delete;
+  RawConnection& operator=(const RawConnection&) = delete;
+  ~RawConnection() { close(); }
+
+  // Connects from `source` (any address of 127/8) and, when `handshake`,
+  // completes the TLS handshake. False when either fails.
+  bool open(int port, const char* source = "127.0.0.1", bool handshake = true) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) return false;
+    sockaddr_in from{};
+    from.sin_family = AF_INET;
+    inet_pton(AF_INET, source, &from.sin_addr);
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0) return false;
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<std::uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) return false;
+    timeval wait{5, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+    if (!handshake) return true;
+    static SSL_CTX* context = [] {
+      SSL_CTX* made = SSL_CTX_new(TLS_client_method());
+      SSL_CTX_set_verify(made, SSL_VERIFY_NONE, nullptr);
+      return made;
+    }();
+    ssl_ = SSL_new(context);
+    SSL_set_fd(ssl_, fd_);
+    return SSL_connect(ssl_) == 1;
+  }
+
+  // Sends `text`; false when the connection no longer takes it.
+  bool send(const std::string& text) {
+    if (!ssl_) return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == ssize_t(text.size());
+    return SSL_write(ssl_, text.data(), static_cast<int>(text.size())) ==
+           static_cast<int>(text.size());
+  }
+
+  // What arrives within `timeout` until the collector ends the connection;
+  // `*ended` says whether it did.
+  std::string receive(std::chrono::milliseconds timeout, bool* ended) {
+    std::string got;
+    *ended = false;
+    const auto deadline = Clock::now() + timeout;
+    while (Clock::now() < deadline) {
+      pollfd wait{fd_, POLLIN, 0};
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+      if (ssl_ && SSL_pending(ssl_) == 0 && ::poll(&wait, 1, int(left.count()) + 1) <= 0) continue;
+      if (!ssl_ && ::poll(&wait, 1, int(left.count()) + 1) <= 0) continue;
+      char buffer[4096];
+      // Readable may mean a TLS record without data: never block on it.
+      const int flags = fcntl(fd_, F_GETFL, 0);
+      fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
+      const int n = ssl_ ? SSL_read(ssl_, buffer, sizeof buffer)
+                         : static_cast<int>(::recv(fd_, buffer, sizeof buffer, 0));
+      fcntl(fd_, F_SETFL, flags);
+      if (n < 0 && !ssl_ && (errno == EAGAIN || errno == EWOULDBLOCK)) continue;
+      // TLS 1.3 session tickets arrive after the handshake: read, but no data.
+      if (n <= 0 && ssl_ && SSL_get_error(ssl_, n) == SSL_ERROR_WANT_READ) continue;
+      if (n <= 0) {
+        *ended = true;
+        break;
+      }
+      got.append(buffer, static_cast<std::size_t>(n));
+    }
+    return got;
+  }
+
+  // Whether the collector has ended the connection, waiting up to `timeout`.
+  bool endedWithin(std::chrono::milliseconds timeout) {
+    bool ended = false;
+    receive(timeout, &ended);
+    return ended;
+  }
+
+  void close() {
+    if (ssl_) SSL_free(ssl_);
+    if (fd_ >= 0) ::close(fd_);
+    ssl_ = nullptr;
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+  SSL* ssl_ = nullptr;
+};
+
 class CollectorFaultsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -115,6 +214,11 @@ class CollectorFaultsTest : public ::testing::Test {
     auto res = client()->Post(path.c_str(), headers, body, "application/x-gzip");
     if (!res) return {-1, httplib::to_string(res.error())};
     return {res->status, res->body};
+  }
+
+  Json summary() const {
+    auto res = client()->Get("/inspect/api/summary");
+    return res ? Json::parse(res->body, nullptr, false) : Json();
   }
 
   std::string hello() const {
@@ -449,6 +553,421 @@ TEST_F(CollectorFaultsTest, FormBodiesAndUnreadableHeadersGetTheRightAnswers) {
               1);
   }
   EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%collector failed%'"), 0);
+}
+
+// ---- connections: deadlines, sizes, shares, and stopping ----
+
+TEST_F(CollectorFaultsTest, SlowRequestsAreCutAtTheirDeadlinesWhileOthersAreServed) {
+  start({"--header-timeout", "2", "--body-timeout", "2"});
+  // Slow headers: a byte every half second, from a neighbour's address.
+  std::vector<std::unique_ptr<RawConnection>> slow;
+  for (int i = 0; i < 100; ++i) {
+    slow.push_back(std::make_unique<RawConnection>());
+    ASSERT_TRUE(slow.back()->open(collector_.port(), "127.0.0.2")) << i;
+  }
+  // A slow body: whole headers, then a byte every half second.
+  RawConnection slowBody;
+  ASSERT_TRUE(slowBody.open(collector_.port(), "127.0.0.3"));
+  ASSERT_TRUE(slowBody.send(
+      "POST /api/postEvent/batch.json HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: "
+      "application/x-gzip\r\nContent-Encoding: gzip\r\nContent-Length: 1000\r\n\r\n"));
+  const std::string request = "POST /api/hello HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: ";
+  const auto started = Clock::now();
+  std::size_t sent = 0;
+  while (secondsSince(started) < 1.5) {
+    for (auto& connection : slow) connection->send(request.substr(sent % request.size(), 1));
+    slowBody.send("A");
+    ++sent;
+    // Meanwhile a device's hello goes through at once.
+    const auto asked = Clock::now();
+    EXPECT_FALSE(hello().empty());
+    EXPECT_LT(secondsSince(asked), 1.0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  }
+  // All are cut once their two seconds are over, however they dribble.
+  std::size_t ended = 0;
+  for (auto& connection : slow) {
+    connection->send("x");
+    if (connection->endedWithin(std::chrono::milliseconds(2000))) ++ended;
+  }
+  EXPECT_EQ(ended, slow.size()) << "slow headers still held after their deadline";
+  bool bodyEnded = false;
+  slowBody.send("A");
+  const std::string answer = slowBody.receive(std::chrono::seconds(3), &bodyEnded);
+  EXPECT_TRUE(bodyEnded);
+  EXPECT_NE(answer.find("408"), std::string::npos) << answer;
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%body not complete "
+                  "within 2 s%'"),
+            1);
+  EXPECT_LT(secondsSince(started), 8.0);
+  // What was cut is counted.
+  const Json connections = summary()["connections"];
+  EXPECT_GE(connections.value("headerTimeouts", 0), 100) << connections.dump();
+  EXPECT_EQ(connections.value("bodyTimeouts", 0), 1) << connections.dump();
+}
+
+TEST_F(CollectorFaultsTest, HeadersAreBoundedInSizeAndCount) {
+  start();  // --max-header-bytes 65536, --max-headers 100
+  // Header lines for as long as the collector takes them.
+  RawConnection flood;
+  ASSERT_TRUE(flood.open(collector_.port()));
+  ASSERT_TRUE(flood.send("GET /inspect/api/summary HTTP/1.1\r\nHost: 127.0.0.1\r\n"));
+  const std::string line = "X-Flood: " + std::string(1000, 'f') + "\r\n";
+  std::size_t taken = 0;
+  const auto started = Clock::now();
+  while (secondsSince(started) < 5 && flood.send(line)) taken += line.size();
+  EXPECT_LT(taken, 4u << 20) << "bytes of headers taken on one connection";
+  EXPECT_LT(secondsSince(started), 5.0);
+
+  // Many small headers: refused with 431, and the collector goes on.
+  RawConnection many;
+  ASSERT_TRUE(many.open(collector_.port()));
+  std::string headers = "GET /inspect/api/summary HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+  for (int i = 0; i < 150; ++i) headers += "X-" + std::to_string(i) + ": v\r\n";
+  ASSERT_TRUE(many.send(headers + "\r\n"));
+  bool ended = false;
+  const std::string answer = many.receive(std::chrono::seconds(3), &ended);
+  EXPECT_EQ(answer.rfind("HTTP/1.1 431", 0), 0u) << answer;
+  EXPECT_FALSE(hello().empty());
+  EXPECT_LT(collector_.statusKiB("VmHWM"), (kSanitized ? 512 : 128) * 1024);
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%headers larger than "
+                  "the limit of 65536 bytes%'"),
+            1);
+  EXPECT_EQ(count("SELECT count(*) FROM problems WHERE description LIKE '%more than 100 "
+                  "headers%'"),
+            1);
+}
+
+TEST_F(CollectorFaultsTest, ReadsThatSendABodyAreRefusedBeforeItIsRead) {
+  start();
+  for (std::string method : {"GET", "OPTIONS", "TRACE"}) {
+    SCOPED_TRACE(method);
+    RawConnection reader;
+    ASSERT_TRUE(reader.open(collector_.port()));
+    ASSERT_TRUE(reader.send(method +
+                            " /inspect/api/summary HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                            "Transfer-Encoding: chunked\r\n\r\n"));
+    const std::string chunk = "100000\r\n" + std::string(0x100000, 'c') + "\r\n";
+    std::size_t taken = 0;
+    const auto started = Clock::now();
+    while (secondsSince(started) < 3 && reader.send(chunk)) taken += chunk.size();
+    EXPECT_LT(taken, 8u << 20) << "bytes of a read's body taken";
+    bool ended = false;
+    const std::string answer = reader.receive(std::chrono::seconds(2), &ended);
+    EXPECT_EQ(answer.rfind("HTTP/1.1 400", 0), 0u) << answer.substr(0, 200);
+  }
+  EXPECT_LT(collector_.statusKiB("VmHWM"), (kSanitized ? 512 : 128) * 1024);
+  EXPECT_FALSE(hello().empty());
+}
+
+TEST_F(CollectorFaultsTest, OneAddressHoldsAtMostItsShareOfConnections) {
+  start({"--max-connections-per-address", "20"});
+  // A neighbour opens many connections and sends nothing.
+  std::vector<std::unique_ptr<RawConnection>> greedy;
+  for (int i = 0; i < 60; ++i) {
+    greedy.push_back(std::make_unique<RawConnection>());
+    greedy.back()->open(collector_.port(), "127.0.0.2");
+  }
+  // Only the newest 20 are kept; the older ones were closed to make room.
+  std::size_t open = 0;
+  for (auto& connection : greedy) {
+    if (!connection->endedWithin(std::chrono::milliseconds(100))) ++open;
+  }
+  EXPECT_LE(open, 20u);
+  EXPECT_GE(open, 10u);
+  EXPECT_GE(summary()["connections"].value("evicted", 0), 40) << summary().dump();
+  // Devices at other addresses, and at the same one, are still served.
+  const auto asked = Clock::now();
+  EXPECT_FALSE(hello().empty());
+  EXPECT_LT(secondsSince(asked), 1.0);
+  RawConnection same;
+  ASSERT_TRUE(same.open(collector_.port(), "127.0.0.2"));
+  ASSERT_TRUE(same.send("GET /inspect/api/summary HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+  bool ended = false;
+  EXPECT_EQ(same.receive(std::chrono::seconds(2), &ended).rfind("HTTP/1.1 200", 0), 0u);
+}
+
+TEST_F(CollectorFaultsTest, ExitsWithinTwoSecondsOfSigtermWhateverConnectionsDo) {
+  start();
+  std::vector<std::unique_ptr<RawConnection>> busy;
+  for (int i = 0; i < 50; ++i) {  // slow headers
+    busy.push_back(std::make_unique<RawConnection>());
+    ASSERT_TRUE(busy.back()->open(collector_.port(), "127.0.0.2"));
+    busy.back()->send("POST /api/hello HTTP/1.1\r\nHost: x");
+  }
+  for (int i = 0; i < 20; ++i) {  // half a handshake
+    busy.push_back(std::make_unique<RawConnection>());
+    ASSERT_TRUE(busy.back()->open(collector_.port(), "127.0.0.3", /*handshake=*/false));
+    busy.back()->send(std::string("\x16\x03\x01\x02\x00\x01\x00", 7));
+  }
+  for (int i = 0; i < 10; ++i) {  // slow bodies
+    busy.push_back(std::make_unique<RawConnection>());
+    ASSERT_TRUE(busy.back()->open(collector_.port(), "127.0.0.4"));
+    busy.back()->send(
+        "POST /api/postEvent/batch.json HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: "
+        "100000\r\n\r\nAAAA");
+  }
+  // They keep dribbling, a byte every half second, until the end.
+  std::atomic<bool> dribbling{true};
+  std::thread dribbler([&] {
+    while (dribbling) {
+      for (auto& connection : busy) connection->send("A");
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+  const auto stopping = Clock::now();
+  EXPECT_EQ(collector_.stop(SIGTERM), 0);
+  const double took = secondsSince(stopping);
+  dribbling = false;
+  dribbler.join();
+  std::printf("collector exited %.2f s after SIGTERM with %zu busy connections\n", took,
+              busy.size());
+  EXPECT_LT(took, 2.0);
+}
+
+// ---- reads: stored text spliced, device text cut, large data in pieces ----
+
+TEST_F(CollectorFaultsTest, ListsCutDeviceTextAndLargeDataIsReadInPieces) {
+  start();
+  // A hello whose members are a megabyte each.
+  Json hello = helloDocument();
+  hello["deviceModel"] = std::string(1 << 20, 'm');
+  hello["extra"] = std::string(1 << 20, 'x');
+  auto [status, answer] = post("/api/hello", envelopeOf(hello.dump()));
+  ASSERT_EQ(status, 200) << answer;
+  const std::string session = Json::parse(answer).value("sessionId", "");
+  // Fifteen event types of a megabyte each, in one small post.
+  std::string events;
+  for (int i = 0; i < 15; ++i) {
+    events += std::string(i ? "," : "") + "{\"eventType\":\"" + std::string(1 << 20, 'a' + i) +
+              "\",\"eventData\":{\"i\":" + std::to_string(i) + "}}";
+  }
+  std::tie(status, answer) =
+      post("/api/postEvent/batch.json",
+           envelopeOf("{\"sessionId\":\"" + session + "\",\"events\":[" + events + "]}"));
+  ASSERT_EQ(status, 200) << answer;
+  // Three events of 15 MiB, each of five million small values (within every
+  // bound: no array holds more than 100,000).
+  std::string nested = "[";
+  for (int i = 0; i < 50; ++i) nested += std::string(i ? "," : "") + wideArray("{}", 300000);
+  nested += "]";
+  for (int i = 0; i < 3; ++i) {
+    std::tie(status, answer) =
+        post("/api/postEvent/batch.json", envelopeOf(batchText(session, "{\"n\":" + nested + "}")));
+    ASSERT_EQ(status, 200) << answer.substr(0, 300);
+  }
+  const long before = collector_.statusKiB("VmHWM");
+
+  auto get = [&](const std::string& target) {
+    auto res = client()->Get(target.c_str());
+    EXPECT_TRUE(res) << target;
+    if (!res) return std::make_pair(-1, std::string());
+    return std::make_pair(res->status, res->body);
+  };
+  // Lists stay small, and say how long what they cut was.
+  for (std::string target : {"/inspect/api/summary", "/inspect/api/events?limit=1000",
+                             "/inspect/api/sessions", "/inspect/api/rate?period=300&bucket=1"}) {
+    SCOPED_TRACE(target);
+    auto [code, body] = get(target);
+    EXPECT_EQ(code, 200);
+    EXPECT_LT(body.size(), 256u * 1024) << "bytes in one answer";
+  }
+  const Json list = Json::parse(get("/inspect/api/events?limit=1000").second);
+  ASSERT_EQ(list["events"].size(), 18u);
+  const Json& large = list["events"][0];
+  EXPECT_EQ(large["dataLength"], 6 + nested.size());
+  EXPECT_EQ(large["dataPreview"].get<std::string>().size(), 200u);
+  const Json& typed = list["events"][3];
+  EXPECT_EQ(typed["eventTypeLength"], 1 << 20);
+  EXPECT_LE(typed["eventType"].get<std::string>().size(), 200u);
+  const Json sessions = Json::parse(get("/inspect/api/sessions").second);
+  EXPECT_EQ(sessions["sessions"][0]["hello"]["deviceModelLength"], 1 << 20);
+  EXPECT_LE(sessions["sessions"][0]["hello"]["deviceModel"].get<std::string>().size(), 200u);
+  const Json summary = Json::parse(get("/inspect/api/summary").second);
+  EXPECT_EQ(summary["eventTypes"].size(), 16u);
+
+  // A page of them whole is refused; the detail gives a piece, and the rest
+  // comes in pieces or as a download.
+  EXPECT_EQ(get("/inspect/api/events?preview=0&limit=3").first, 400);
+  const std::string id = std::to_string(large["id"].get<std::int64_t>());
+  auto [detailStatus, detailText] = get("/inspect/api/events/" + id);
+  EXPECT_EQ(detailStatus, 200);
+  EXPECT_LT(detailText.size(), 512u * 1024);
+  const Json detail = Json::parse(detailText);
+  EXPECT_EQ(detail["dataLength"], 6 + nested.size());
+  EXPECT_EQ(detail["dataPiece"].get<std::string>().rfind("{\"n\":[{\"a\":[{},{}", 0), 0u);
+  auto [pieceStatus, piece] = get("/inspect/api/events/" + id + "/data?offset=5&length=100");
+  EXPECT_EQ(pieceStatus, 200);
+  EXPECT_EQ(piece, nested.substr(0, 100));
+  auto [wholeStatus, whole] = get("/inspect/api/events/" + id + "/data");
+  EXPECT_EQ(wholeStatus, 200);
+  EXPECT_EQ(whole.size(), 6 + nested.size());
+  EXPECT_EQ(whole.substr(whole.size() - 10), nested.substr(nested.size() - 9) + "}");
+
+  const long grown = collector_.statusKiB("VmHWM") - before;
+  EXPECT_LT(grown, (kSanitized ? 512 : 96) * 1024) << "KiB the reads added to the peak";
+  std::printf("collector peak %.1f MiB, reads added %.1f MiB\n",
+              collector_.statusKiB("VmHWM") / 1024.0, grown / 1024.0);
+}
+
+TEST_F(CollectorFaultsTest, A48MiBEventIsReadWithinAQuarterGigabyte) {
+  start({"--max-inflated", std::to_string(64 << 20)});
+  const std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  const std::string text(48u << 20, 'x');
+  auto [status, answer] =
+      post("/api/postEvent/batch.json", envelopeOf(batchText(session, "{\"t\":\"" + text + "\"}")));
+  ASSERT_EQ(status, 200) << answer.substr(0, 300);
+  auto get = [&](const std::string& target) {
+    auto res = client()->Get(target.c_str());
+    EXPECT_TRUE(res) << target;
+    return res ? std::make_pair(res->status, res->body.size()) : std::make_pair(-1, std::size_t{0});
+  };
+  EXPECT_EQ(get("/inspect/api/events/1").first, 200);
+  EXPECT_LT(get("/inspect/api/events/1").second, 512u * 1024);
+  EXPECT_NE(get("/inspect/api/events?preview=0&limit=3").first, 200);
+  EXPECT_EQ(get("/inspect/api/events?limit=3&preview=4096").first, 200);
+  EXPECT_EQ(get("/inspect/api/events/1/data").second, text.size() + 8);
+  const long peak = collector_.statusKiB("VmHWM");
+  EXPECT_LT(peak, (kSanitized ? 1024 : 256) * 1024) << "KiB at the peak";
+  std::printf("collector peak with a 48 MiB event stored and read: %.1f MiB\n", peak / 1024.0);
+}
+
+// ---- search: indexed, and bounded in time ----
+
+TEST_F(CollectorFaultsTest, SearchesAreIndexedBoundedInTimeAndHoldUpNoOtherQuery) {
+  constexpr int kLimitMs = kSanitized ? 1000 : 300;
+  start({"--query-time-ms", std::to_string(kLimitMs)});
+  const std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  // Text that costs a LIKE the most for a run of a's: runs of 1,023 a's.
+  std::string runs;
+  while (runs.size() < (15u << 20) + (512u << 10)) runs += std::string(1023, 'a') + "b";
+  // One event of some 15.5 MiB (just within the default inflate limit),
+  // then 600 of 6 KiB.
+  auto [status, body] = post("/api/postEvent/batch.json",
+                             envelopeOf(batchText(session, "{\"t\":\"" + runs + "\"}")));
+  ASSERT_EQ(status, 200) << body.substr(0, 300);
+  std::string events;
+  for (int i = 0; i < 600; ++i) {
+    events += std::string(i ? "," : "") + "{\"eventType\":\"run\",\"eventData\":{\"t\":\"" +
+              runs.substr(static_cast<std::size_t>(i), 6000) + "\"}}";
+  }
+  std::tie(status, body) = post(
+      "/api/postEvent/batch.json",
+      envelopeOf("{\"sessionId\":\"" + session + "\",\"events\":[" + events + "]}"));
+  ASSERT_EQ(status, 200) << body.substr(0, 300);
+  std::tie(status, body) = post(
+      "/api/postEvent/batch.json",
+      envelopeOf(batchText(session, "{\"title\":\"a needle, 100% of it\"}")));
+  ASSERT_EQ(status, 200) << body;
+
+  // 1,024 a's: every event holds its trigrams, none the text, and each
+  // check reads a few KiB many times over. It stops at its time limit.
+  const std::string longest = "/inspect/api/events?q=" + std::string(1024, 'a');
+  std::atomic<bool> searching{true};
+  std::atomic<int> searches{0}, tooLong{0}, late{0};
+  std::vector<std::thread> searchers;
+  for (int i = 0; i < 2; ++i) {
+    searchers.emplace_back([&] {
+      auto c = client();
+      while (searching) {
+        const auto asked = Clock::now();
+        auto res = c->Get(longest.c_str());
+        ++searches;
+        if (secondsSince(asked) > kLimitMs / 1000.0 + 1.5) ++late;
+        if (res && res->status == 503 &&
+            res->body.find("search took too long") != std::string::npos) {
+          ++tooLong;
+        }
+      }
+    });
+  }
+  // Meanwhile the page's other queries answer at once.
+  double slowest = 0;
+  for (int i = 0; i < 10; ++i) {
+    for (std::string target : {"/inspect/api/summary", "/inspect/api/events?limit=100",
+                               "/inspect/api/events?q=needle"}) {
+      const auto asked = Clock::now();
+      auto res = client()->Get(target.c_str());
+      slowest = std::max(slowest, secondsSince(asked));
+      ASSERT_TRUE(res) << target;
+      EXPECT_EQ(res->status, 200) << target << ": " << res->body.substr(0, 200);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  searching = false;
+  for (auto& searcher : searchers) searcher.join();
+  EXPECT_GT(searches.load(), 0);
+  EXPECT_EQ(tooLong.load(), searches.load()) << "searches answered other than 503";
+  EXPECT_EQ(late.load(), 0) << "searches answered well past their limit";
+  EXPECT_LT(slowest, kLimitMs / 1000.0 + 0.5) << "seconds a query waited behind the searches";
+  EXPECT_GE(summary()["queries"].value("timedOut", 0), searches.load()) << summary().dump();
+
+  // What a search finds: any case, its own % taken literally, two
+  // characters read row by row.
+  auto found = [&](const std::string& q) {
+    auto res = client()->Get(("/inspect/api/events?limit=1000&q=" + q).c_str());
+    EXPECT_TRUE(res && res->status == 200) << q;
+    return res && res->status == 200 ? Json::parse(res->body)["events"].size() : 0u;
+  };
+  EXPECT_EQ(found("NEEDLE"), 1u);
+  EXPECT_EQ(found("100%25%20of"), 1u);
+  EXPECT_EQ(found("0%25"), 1u);
+  EXPECT_EQ(found("aab"), 601u);
+  EXPECT_EQ(found("ru"), 600u);
+  EXPECT_EQ(found("needles"), 0u);
+  // Text past the start of an event's data that is searched (4 KiB) is not
+  // found: only the small event's data ends within it.
+  EXPECT_EQ(found("%22%7D"), 1u);
+  std::printf("%d searches of 1,024 characters, each stopped at %d ms\n", searches.load(),
+              kLimitMs);
+}
+
+TEST_F(CollectorFaultsTest, ADatabaseOfAnOlderCollectorIsCountedAndIndexedWhenOpened) {
+  start();
+  const std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  for (const char* type : {"play", "play", "pause"}) {
+    auto [status, body] = post(
+        "/api/postEvent/batch.json",
+        envelopeOf(batchText(session, "{\"title\":\"" + std::string(type) + " the film\"}")));
+    ASSERT_EQ(status, 200) << body;
+  }
+  ASSERT_EQ(collector_.stop(), 0);
+  // What an older collector left: the rows only.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dataDir_ + "/collector.db").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db,
+                         "DROP TABLE events_text; DROP VIEW events_search; DROP TABLE type_counts; "
+                         "DROP TABLE event_rate; DROP TABLE session_events; DROP TABLE counters; "
+                         "PRAGMA user_version = 0;",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+
+  start();
+  const Json counted = summary();
+  EXPECT_EQ(counted.value("events", 0), 3) << counted.dump();
+  EXPECT_EQ(counted.value("sessions", 0), 1);
+  ASSERT_EQ(counted["eventTypes"].size(), 1u);  // all "big"
+  EXPECT_EQ(counted["eventTypes"][0].value("count", 0), 3);
+  auto get = [&](const std::string& target) {
+    auto res = client()->Get(target.c_str());
+    return res && res->status == 200 ? Json::parse(res->body) : Json();
+  };
+  EXPECT_EQ(get("/inspect/api/sessions")["sessions"][0].value("eventCount", 0), 3);
+  EXPECT_EQ(get("/inspect/api/events?q=PLAY%20the")["events"].size(), 2u);
+  std::int64_t charted = 0;
+  const Json rate = get("/inspect/api/rate?period=3600&bucket=60");
+  for (const Json& bucket : rate["buckets"]) charted += bucket.value("count", 0);
+  EXPECT_EQ(charted, 3) << rate.dump();
+  // And the new rows are counted on top.
+  auto [status, body] = post("/api/postEvent/batch.json", envelopeOf(batchText(session, "{}")));
+  ASSERT_EQ(status, 200) << body;
+  EXPECT_EQ(summary().value("events", 0), 4);
 }
 
 }  // namespace

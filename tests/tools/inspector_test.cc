@@ -448,5 +448,58 @@ TEST_F(InspectorTest, PageInChromiumFollowsArrivalsAndAPausedViewStaysPut) {
   EXPECT_EQ(times[1], "Arrived at the collector");
 }
 
+TEST_F(InspectorTest, ALargeEventOpensInPiecesWithoutFreezingThePage) {
+  if (!std::filesystem::exists(kChromium)) {
+    GTEST_SKIP() << "chromium is not installed (scripts/deps.sh installs it)";
+  }
+  const std::string session = hello("large-app");
+  ASSERT_FALSE(session.empty());
+  // 15 MB of data made of five million small values: parsed and printed
+  // whole, it holds a page for many seconds.
+  std::string nested = "[";
+  for (int i = 0; i < 50; ++i) {
+    nested += i ? ",[" : "[";
+    for (int k = 0; k < 99999; ++k) nested += "{},";
+    nested += "{}]";
+  }
+  nested += "]";
+  const std::string body = "{\"sessionId\":\"" + session +
+                           "\",\"events\":[{\"eventType\":\"huge\",\"eventData\":{\"n\":" +
+                           nested + "}},{\"eventType\":\"small\",\"eventData\":{\"k\":1}}]}";
+  auto packed = buildTelvoJsonParameter(body);
+  ASSERT_TRUE(packed);
+  ASSERT_EQ(post("/api/postEvent/batch.json", std::string(packed->begin(), packed->end())), 200);
+
+  TempDir profile;
+  Browser browser;
+  ASSERT_TRUE(browser.open(profile.file("large"), collector_.baseUrl() + "/"));
+  ASSERT_TRUE(browser.waitFor("document.body.dataset.ready === '1'"));
+  // The list shows the start of it and how long it is.
+  EXPECT_TRUE(browser.waitFor(
+      "[...document.querySelectorAll('#events tr.event')].some((row) => "
+      "row.textContent.includes('huge') && row.textContent.includes('bytes)'))"));
+  const auto clicked = std::chrono::steady_clock::now();
+  browser.evaluate(
+      "[...document.querySelectorAll('#events tr.event')]"
+      ".find((row) => row.querySelector('td.type').textContent === 'huge').click()");
+  const std::string piece = "(document.querySelector('#events tr.detail pre') || {}).textContent";
+  ASSERT_TRUE(browser.waitFor(piece + " && " + piece + ".startsWith('{\"n\":[[{},{}')",
+                              std::chrono::seconds(10)));
+  // The page answers at once: it holds a piece, not the whole.
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - clicked).count(), 5.0);
+  const auto asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(browser.evaluate("1 + 1"), 2);
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - asked).count(), 1.0);
+  const Json shown = browser.evaluate(piece + ".length");
+  ASSERT_TRUE(shown.is_number());
+  EXPECT_LT(shown.get<int>(), 1 << 20);
+  // The rest comes a piece at a time, or whole as a download.
+  EXPECT_EQ(browser.evaluate("document.querySelector('#events tr.detail a.download').getAttribute("
+                             "'href').endsWith('/data')"),
+            true);
+  browser.evaluate("document.querySelector('#events tr.detail button.more').click()");
+  EXPECT_TRUE(browser.waitFor(piece + ".length > " + shown.dump()));
+}
+
 }  // namespace
 }  // namespace telvo

@@ -52,78 +52,6 @@ void answerError(httplib::Response& res, int status, const std::string& message)
   answerJson(res, status, Json{{"status", "error"}, {"message", message}});
 }
 
-// Each connection gets a thread of its own, up to kMaxConnectionThreads (the
-// rest wait for one), so that idle, slow or half-sent connections cannot
-// hold up a valid post behind them. Threads have small stacks.
-class ConnectionThreads : public httplib::TaskQueue {
- public:
-  static constexpr std::size_t kMaxConnectionThreads = 4096;
-  static constexpr std::size_t kStackBytes = 512 * 1024;
-
-  void enqueue(std::function<void()> work) override {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (running_ < kMaxConnectionThreads) {
-      ++running_;
-      auto* job = new Job{this, std::move(work)};
-      pthread_attr_t attributes;
-      pthread_attr_init(&attributes);
-      pthread_attr_setstacksize(&attributes, kStackBytes);
-      pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-      pthread_t thread;
-      const int failed = pthread_create(&thread, &attributes, &ConnectionThreads::start, job);
-      pthread_attr_destroy(&attributes);
-      if (failed == 0) return;
-      --running_;
-      work = std::move(job->work);
-      delete job;
-    }
-    waiting_.push_back(std::move(work));
-    if (running_ == 0) {  // no thread could be made: serve it here
-      auto next = std::move(waiting_.front());
-      waiting_.pop_front();
-      lock.unlock();
-      next();
-    }
-  }
-
-  // Waits for every connection to be served to its end.
-  void shutdown() override {
-    std::unique_lock<std::mutex> lock(mutex_);
-    idle_.wait(lock, [this] { return running_ == 0 && waiting_.empty(); });
-  }
-
- private:
-  struct Job {
-    ConnectionThreads* owner;
-    std::function<void()> work;
-  };
-
-  static void* start(void* argument) {
-    std::unique_ptr<Job> job(static_cast<Job*>(argument));
-    job->owner->run(std::move(job->work));
-    return nullptr;
-  }
-
-  void run(std::function<void()> work) {
-    for (;;) {
-      work();
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (waiting_.empty()) {
-        --running_;
-        idle_.notify_all();
-        return;
-      }
-      work = std::move(waiting_.front());
-      waiting_.pop_front();
-    }
-  }
-
-  std::mutex mutex_;
-  std::condition_variable idle_;
-  std::size_t running_ = 0;                      // guarded by mutex_
-  std::deque<std::function<void()>> waiting_;  // guarded by mutex_
-};
-
 // The HTTP library listens with a backlog of 5, so a burst of connections
 // (thousands of idle ones, say) has the kernel drop handshakes and the
 // clients retry a second later. Listening again on the same socket raises it.
@@ -196,6 +124,13 @@ std::string shownHeader(const std::string& value) {
   return out;
 }
 
+// "10 s" (or "1.5 s") for a problem line.
+std::string seconds(std::chrono::milliseconds time) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g s", static_cast<double>(time.count()) / 1000.0);
+  return text;
+}
+
 // "first K of N bytes kept" for a problem line.
 std::string keptText(std::size_t kept, std::size_t length) {
   return "first " + std::to_string(kept) + " of " + std::to_string(length) + " bytes kept";
@@ -259,18 +194,18 @@ CollectorServer::ReadBody CollectorServer::readBody(const httplib::Request& req,
 }
 
 void CollectorServer::closeAfterAnswer(const httplib::Request& req) {
-  // httplib answers "Connection: close" to a request that asked for it, and
-  // a client then ends the connection.
+  // httplib answers "Connection: close" to a request that asked for it.
   auto& request = const_cast<httplib::Request&>(req);
   request.headers.erase("Connection");
   request.headers.emplace("Connection", "close");
+  TlsServer::closeAfterAnswer();
 }
 
 CollectorServer::CollectorServer(CollectorOptions options, CollectorStore& store,
-                                 CollectorStore* reader)
+                                 ReaderPool& readers)
     : options_(std::move(options)),
       store_(store),
-      inspector_(reader ? *reader : store),
+      inspector_(readers),
       random_(std::random_device{}()) {}
 
 CollectorServer::~CollectorServer() { stop(); }
@@ -292,8 +227,8 @@ std::string CollectorServer::baseUrl() const {
 }
 
 bool CollectorServer::bind(std::string* error) {
-  server_ =
-      std::make_unique<httplib::SSLServer>(options_.certFile.c_str(), options_.keyFile.c_str());
+  server_ = std::make_unique<TlsServer>(options_.certFile.string(), options_.keyFile.string(),
+                                        options_.connections);
   if (!server_->is_valid()) {
     if (error) {
       *error = "cannot load the certificate " + options_.certFile.string() + " and key " +
@@ -306,11 +241,6 @@ bool CollectorServer::bind(std::string* error) {
   server_->set_payload_max_length(
       options_.maxBodyBytes > SIZE_MAX / 2 ? SIZE_MAX : 2 * options_.maxBodyBytes);
   server_->set_default_headers({{"X-Content-Type-Options", "nosniff"}});
-  // A connection that sends nothing (no handshake, no request) is closed
-  // after two seconds, an idle kept-alive one after two more.
-  server_->set_read_timeout(2, 0);
-  server_->set_keep_alive_timeout(2);
-  server_->new_task_queue = [] { return new ConnectionThreads(); };
   installRoutes();
   if (options_.port == 0) {
     port_ = server_->bind_to_any_port(options_.host);
@@ -332,7 +262,11 @@ bool CollectorServer::bind(std::string* error) {
 bool CollectorServer::serve() { return server_ && server_->listen_after_bind(); }
 
 void CollectorServer::stop() {
-  if (server_) server_->stop();
+  if (server_) server_->stopAll();
+}
+
+ConnectionCounters CollectorServer::connectionCounters() {
+  return server_ ? server_->counters() : ConnectionCounters{};
 }
 
 void CollectorServer::installRoutes() {
@@ -352,6 +286,29 @@ void CollectorServer::installRoutes() {
       std::string value = request.get_header_value(label);
       request.headers.erase(label);
       request.headers.emplace(kept, std::move(value));
+    }
+    if (auto why = TlsServer::refusalOf(req)) {
+      closeAfterAnswer(req);
+      recordProblem(req, *why);
+      answerError(res, 431, *why);
+      return httplib::Server::HandlerResponse::Handled;
+    }
+    // httplib would read the body of any other method whole (a chunked one
+    // without end): such a request is answered before it is read, and so is
+    // one whose length is given twice over.
+    const bool mayHaveBody = req.method == "POST" || req.method == "PUT" ||
+                             req.method == "PATCH" || req.method == "DELETE";
+    const bool chunked = req.has_header("Transfer-Encoding");
+    const bool sized = req.has_header("Content-Length");
+    if ((!mayHaveBody && (chunked || (sized && req.get_header_value("Content-Length") != "0"))) ||
+        (chunked && sized)) {
+      const std::string why = chunked && sized
+                                  ? "request gives both Content-Length and Transfer-Encoding"
+                                  : "a " + req.method + " request carries no body";
+      closeAfterAnswer(req);
+      recordProblem(req, why);
+      answerError(res, 400, why);
+      return httplib::Server::HandlerResponse::Handled;
     }
     // Reads are refused here; writes in their handlers, which decide what
     // to do with their bodies.
@@ -388,6 +345,8 @@ void CollectorServer::installRoutes() {
   server_->Patch(".*", stray);
   server_->Delete(".*", stray);
 
+  inspector_.setConnectionCounters([this] { return server_->counters(); });
+  inspector_.setLog([this](const std::string& line) { log(line); });
   inspector_.installRoutes(*server_);
 
   server_->set_error_handler(httplib::Server::HandlerWithResponse(
@@ -576,7 +535,11 @@ void CollectorServer::refuseBody(const httplib::Request& req, httplib::Response&
   if (!body.complete) closeAfterAnswer(req);
   std::string description = prefix;
   int status = 400;
-  if (body.tooLarge) {
+  if (TlsServer::timedOut()) {
+    status = 408;
+    description += "body not complete within " + seconds(options_.connections.bodyTimeout) +
+                   " (" + std::to_string(body.length) + " bytes read)";
+  } else if (body.tooLarge) {
     status = 413;
     description +=
         "body larger than the limit of " + std::to_string(options_.maxBodyBytes) + " bytes";
@@ -597,6 +560,24 @@ void CollectorServer::handleError(const httplib::Request& req, httplib::Response
   if (auto why = refusal(req)) {
     recordProblem(req, *why);
     answerError(res, 403, *why);
+    return;
+  }
+  if (TlsServer::timedOut()) {
+    // A request that never finished its headers is counted, not listed:
+    // thousands of them say nothing more than one.
+    closeAfterAnswer(req);
+    answerError(res, 408,
+                "request headers not complete within " +
+                    seconds(options_.connections.headerTimeout));
+    res.status = 408;
+    return;
+  }
+  if (TlsServer::headersTooLarge()) {
+    closeAfterAnswer(req);
+    const std::string why = "request headers larger than the limit of " +
+                            std::to_string(options_.connections.maxHeaderBytes) + " bytes";
+    recordProblem(req, why);
+    answerError(res, 431, why);
     return;
   }
   std::string description;

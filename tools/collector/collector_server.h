@@ -22,8 +22,13 @@
 // was read (keepStrayBodyBytes of one that was not), so a client's mistakes
 // are visible afterwards; the collector itself never stops for them.
 //
-// Threads: serve() blocks its caller while httplib answers requests on its
-// own worker threads; stop() may be called from any thread.
+// Connections are bounded in time, size and number per client address
+// (TlsServer); a request past a bound is answered 408 or 431 (a body that
+// does not arrive in time is listed as a problem; headers that do not are
+// only counted).
+//
+// Threads: serve() blocks its caller while requests are answered on one
+// thread per connection; stop() may be called from any thread.
 #pragma once
 
 #include <cstddef>
@@ -40,15 +45,9 @@
 #include "collector/collector_store.h"
 #include "collector/inspector.h"
 #include "collector/post_checker.h"
+#include "collector/tls_server.h"
 #include "telvo/envelope.h"
 #include "telvo/types.h"
-
-namespace httplib {
-class SSLServer;
-class ContentReader;
-struct Request;
-struct Response;
-}  // namespace httplib
 
 namespace telvo::tool {
 
@@ -72,17 +71,18 @@ struct CollectorOptions {
   // refused as a problem), and how many problem lines one post keeps.
   CheckLimits check;
   bool logRequests = true;  // one line per request on standard error
+  // Deadlines, sizes and shares of connections (TlsServer).
+  ConnectionLimits connections;
   // Names a request's Host may give besides localhost and IP addresses.
   std::vector<std::string> allowedHosts;
 };
 
 class CollectorServer {
  public:
-  // `store` must outlive the server. The inspector reads through `reader`
-  // (a read-only connection to the same database, so that its queries do
-  // not wait for posts being stored, nor hold them up), else through `store`.
-  CollectorServer(CollectorOptions options, CollectorStore& store,
-                  CollectorStore* reader = nullptr);
+  // `store` and `readers` must outlive the server. The inspector reads
+  // through `readers` (read-only connections to the same database, so that
+  // its queries do not wait for posts being stored, nor hold them up).
+  CollectorServer(CollectorOptions options, CollectorStore& store, ReaderPool& readers);
   ~CollectorServer();
   CollectorServer(const CollectorServer&) = delete;
   CollectorServer& operator=(const CollectorServer&) = delete;
@@ -96,7 +96,11 @@ class CollectorServer {
   std::string baseUrl() const;
   // Answers requests until stop(). False when the server could not run.
   bool serve();
+  // Stops listening and ends every connection; serve() returns once the
+  // requests being handled are done.
   void stop();
+  // What the connection bounds cut off so far.
+  ConnectionCounters connectionCounters();
 
   // The document served when no configuration folder is given: a "default"
   // section for timer batching every 2 seconds against this collector, and a
@@ -150,7 +154,7 @@ class CollectorServer {
   CollectorOptions options_;
   CollectorStore& store_;
   Inspector inspector_;
-  std::unique_ptr<httplib::SSLServer> server_;
+  std::unique_ptr<TlsServer> server_;
   int port_ = 0;
   std::mutex randomMutex_;
   std::mt19937_64 random_;  // guarded by randomMutex_

@@ -14,12 +14,17 @@
 // record() call is one transaction: a request's rows are stored together or
 // not at all, and rows already committed are never touched again.
 //
+// Besides the rows, each record keeps counts (per type, per second and type,
+// per session, per table) and a trigram index of its events' text, so that
+// the inspector's queries read a few rows however many events there are.
+//
 // Thread-safe: one connection, every call serialised by a mutex (the HTTPS
-// server answers on several threads). The inspector reads through a second,
-// read-only CollectorStore on the same file, so its queries and the posts
-// being stored do not wait for each other.
+// server answers on several threads). The inspector reads through a few
+// read-only CollectorStores on the same file, each with a time limit, so
+// its queries and the posts being stored do not wait for each other.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -49,20 +54,32 @@ struct EventRow {
   std::int64_t id = 0;  // assigned by the database
   std::string sessionId;
   std::string type;
-  std::string dataJson;                 // eventData as compact JSON (maybe cut, see dataLength)
+  std::string dataJson;                 // eventData as it was sent (maybe in part, see dataWhole)
   std::optional<std::int64_t> eventMs;  // eventData's "timestamp", when a number
   std::int64_t receivedMs = 0;
-  std::int64_t dataLength = 0;  // the whole dataJson's length in characters (listings only)
+  // The inspector's reads: the whole data's length in bytes, and whether
+  // dataJson is all of it (else its start); the whole lengths of the session
+  // id and type, which lists cut.
+  std::int64_t dataLength = 0;
+  bool dataWhole = true;
+  std::int64_t sessionIdLength = 0;
+  std::int64_t typeLength = 0;
 };
 
 struct ErrorRow {
   std::int64_t id = 0;
   std::string sessionId;
   std::optional<std::string> application;
-  std::string errorCodeJson;            // "errorCode" as compact JSON ("null" when absent)
+  std::string errorCodeJson;            // "errorCode" as it was sent ("null" when absent)
   std::optional<std::int64_t> errorMs;  // data's "timestamp", when a number
-  std::string dataJson;                 // the whole "data" object
+  std::string dataJson;                 // the whole "data" object (in part: see dataWhole)
   std::int64_t receivedMs = 0;
+  // The inspector's reads, as for events.
+  std::int64_t dataLength = 0;
+  bool dataWhole = true;
+  std::int64_t sessionIdLength = 0;
+  std::int64_t applicationLength = 0;
+  std::int64_t errorCodeLength = 0;
 };
 
 struct ProblemRow {
@@ -133,20 +150,33 @@ struct PageQuery {
   std::optional<std::int64_t> sinceMs;   // only rows received at or after this time
   std::optional<std::string> sessionId;  // events and errors of this session
   std::optional<std::string> type;       // events of this type
-  std::optional<std::string> text;       // events whose type, session or data contain this
-                                         // (ASCII case-insensitive)
+  // Events whose type, session or data contain this (ASCII case-insensitive),
+  // within their search text (see open()).
+  std::optional<std::string> text;
   int limit = 100;
-  // Event data longer than this is cut in the rows (dataLength keeps the
-  // whole length); 0 keeps it whole.
-  std::size_t previewLength = 0;
+  // Data longer than this many bytes is given by its start (dataWhole false);
+  // clamped to [1, kStoredPreviewBytes].
+  std::size_t previewLength = 200;
+  // Texts a device chose (types, session ids, names) are cut to this many
+  // characters, their whole lengths given beside them.
+  std::size_t labelLength = 200;
 };
 
 inline constexpr int kMaxPageRows = 1000;
+// Event types are counted, and charted, by their first this many characters.
+inline constexpr std::size_t kShownLabelLength = 200;
+// Of data longer than this, the start is kept beside it, so that lists
+// never read the whole.
+inline constexpr std::size_t kStoredPreviewBytes = 4096;
 
 struct SessionSummary {
-  SessionRow session;
+  SessionRow session;  // members cut to the label length; helloJson empty
   std::int64_t eventCount = 0;
   std::int64_t lastSeenMs = 0;  // the last event's arrival, else the hello's
+  std::int64_t helloLength = 0;  // bytes of the whole hello document
+  // The members that were cut, with their whole lengths (hello names:
+  // "propertyName", ..., and "cookie").
+  std::vector<std::pair<std::string, std::int64_t>> cutMembers;
 };
 
 // Events of one type that arrived in one time bucket.
@@ -169,8 +199,15 @@ class CollectorStore {
   // Opens (kReadWrite: creates when missing, switches to WAL, creates the
   // tables) the database at `path`. Nothing, with `*error` set to one line,
   // when it cannot be opened.
+  // `searchBytes` (at least kStoredPreviewBytes): of each event's data, the
+  // start kept beside it for lists and searches; a search reads that and
+  // the type's and session id's first as many characters, so a text past
+  // them is not found. It applies to the events stored from then on; a
+  // database made by an older collector is indexed when first opened.
+  static constexpr std::size_t kDefaultSearchBytes = kStoredPreviewBytes;
   static std::unique_ptr<CollectorStore> open(const std::string& path, Mode mode,
-                                              std::string* error);
+                                              std::string* error,
+                                              std::size_t searchBytes = kDefaultSearchBytes);
   ~CollectorStore();
   CollectorStore(const CollectorStore&) = delete;
   CollectorStore& operator=(const CollectorStore&) = delete;
@@ -191,18 +228,43 @@ class CollectorStore {
   // The inspector's queries: pages newest first, each bounded by
   // PageQuery::limit and served from an index.
   std::vector<EventRow> eventPage(const PageQuery& query);
-  std::optional<EventRow> event(std::int64_t id);
-  std::vector<SessionSummary> sessionSummaries(int limit);
+  // One event: its data whole when at most `wholeBytes` long, else its first
+  // `pieceBytes`; labels cut as `labelLength` says.
+  std::optional<EventRow> event(std::int64_t id, std::size_t wholeBytes, std::size_t pieceBytes,
+                                std::size_t labelLength);
+  // `length` bytes of event `id`'s data from `offset` (fewer at its end),
+  // with the data's whole length; nothing when there is no such event.
+  std::optional<std::pair<std::string, std::int64_t>> eventData(std::int64_t id,
+                                                                std::int64_t offset,
+                                                                std::size_t length);
+  std::vector<SessionSummary> sessionSummaries(int limit, std::size_t labelLength);
+  // The hello document of session `id` as it was sent.
+  std::optional<std::string> helloDocument(const std::string& id);
   std::vector<ErrorRow> errorPage(const PageQuery& query);
   std::vector<ProblemRow> problemPage(const PageQuery& query);
   // The raw body of the request that problem `id` is about.
   std::optional<std::string> problemBody(std::int64_t id);
-  // Event types with their counts, most frequent first (at most `limit`).
-  std::vector<std::pair<std::string, std::int64_t>> eventTypes(int limit);
-  // Events received at or after `sinceMs`, counted per type in buckets of
-  // `bucketMs` (> 0) starting at multiples of it.
-  std::vector<RateBucket> eventRate(std::int64_t sinceMs, std::int64_t bucketMs);
+  // Event types (cut to `labelLength` characters) with their whole lengths
+  // and counts, most frequent first (at most `limit`).
+  struct TypeCount {
+    std::string type;
+    std::int64_t typeLength = 0;
+    std::int64_t count = 0;
+  };
+  std::vector<TypeCount> eventTypes(int limit, std::size_t labelLength);
+  // Events received at or after `sinceMs`, counted per type (cut to
+  // `labelLength` characters) in buckets of `bucketMs` (> 0) starting at
+  // multiples of it.
+  std::vector<RateBucket> eventRate(std::int64_t sinceMs, std::int64_t bucketMs,
+                                    std::size_t labelLength);
   StoreTotals totals();
+
+  // The inspector's reads stop after `limit` (0: never), and timedOut() then
+  // says so: every read call starts its own clock. A read stopped so gives
+  // what it had read by then.
+  void setTimeLimit(std::chrono::milliseconds limit);
+  bool timedOut();
+
 
  private:
   explicit CollectorStore(sqlite3* db);
@@ -210,6 +272,10 @@ class CollectorStore {
   bool prepareWriters(std::string* error);
   bool insertRows(const RequestRecord& rows, std::string* error);
   bool exec(const char* sql, std::string* error);
+  bool fillKept(std::string* error);
+  bool countEvents(const RequestRecord& rows, std::string* error);
+  void startClock();  // with mutex_ held
+  static int onProgress(void* self);
 
   std::mutex mutex_;
   sqlite3* db_;
@@ -220,6 +286,16 @@ class CollectorStore {
   sqlite3_stmt* insertProblem_ = nullptr;
   sqlite3_stmt* insertBody_ = nullptr;
   sqlite3_stmt* findSession_ = nullptr;
+  sqlite3_stmt* indexText_ = nullptr;
+  sqlite3_stmt* countType_ = nullptr;
+  sqlite3_stmt* countSecond_ = nullptr;
+  sqlite3_stmt* countSession_ = nullptr;
+  sqlite3_stmt* countRows_ = nullptr;
+  std::size_t searchBytes_ = kDefaultSearchBytes;
+  // The time limit of reads (guarded by mutex_).
+  std::chrono::milliseconds limit_{0};
+  std::chrono::steady_clock::time_point deadline_;
+  bool timedOut_ = false;
 };
 
 }  // namespace telvo::tool

@@ -26,7 +26,7 @@ Json eventJson(const EventRow& row) {
            {"eventType", row.type},
            {"eventTime", optionalJson(row.eventMs)},
            {"received", row.receivedMs}};
-  if (row.dataLength > static_cast<std::int64_t>(row.dataJson.size())) {
+  if (!row.dataWhole) {
     out["dataPreview"] = row.dataJson;
     out["dataLength"] = row.dataLength;
   } else {

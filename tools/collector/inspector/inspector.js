@@ -143,7 +143,10 @@ function showTotals(summary) {
   const chosen = state.filter.type;
   select.replaceChildren(el('option', {value: '', text: 'all types'}));
   for (const t of summary.eventTypes) {
-    select.append(el('option', {value: t.eventType, text: `${clip(t.eventType, 60)} (${t.count})`}));
+    // A type cut by the collector cannot be asked for by its start.
+    const option = el('option', {value: t.eventType, text: `${clip(t.eventType, 60)} (${t.count})`});
+    if ('eventTypeLength' in t) option.disabled = true;
+    select.append(option);
   }
   if (chosen && !summary.eventTypes.some((t) => t.eventType === chosen)) {
     select.append(el('option', {value: chosen, text: chosen}));
@@ -157,7 +160,7 @@ function eventRow(event) {
   const data = 'eventData' in event ? oneLine(event.eventData) : event.dataPreview;
   const dataCell = el('td', {class: 'data'}, data.length > 200 ? data.slice(0, 200) : data);
   if ('dataPreview' in event || data.length > 200) {
-    dataCell.append(el('span', {class: 'cut', text: ` … (${event.dataLength || data.length} characters)`}));
+    dataCell.append(el('span', {class: 'cut', text: ` … (${event.dataLength || data.length} bytes)`}));
   }
   const row = el('tr', {class: 'event'},
                  cell(timeText(event.received), 'time'), cell(timeText(event.eventTime), 'time'),
@@ -186,11 +189,50 @@ async function toggleDetail(row, event) {
   const pre = el('pre', {text: 'loading…'});
   box.append(pre);
   try {
-    const whole = await api('events/' + encodeURIComponent(event.id));
-    pre.textContent = pretty(whole.eventData);
+    const detail = await api('events/' + encodeURIComponent(event.id));
+    if ('eventData' in detail) {
+      pre.textContent = pretty(detail.eventData);
+    } else {
+      showInPieces(box, pre, event.id, detail);
+    }
   } catch (e) {
     pre.textContent = 'could not load: ' + e.message;
   }
+}
+
+// Data too large to show whole: its first piece as the collector sent it,
+// more on request, the whole as a download. Never parsed here.
+const PIECE = 65536;
+function showInPieces(box, pre, id, detail) {
+  const url = `/inspect/api/events/${encodeURIComponent(id)}/data`;
+  let loaded = new TextEncoder().encode(detail.dataPiece).length;
+  const decoder = new TextDecoder();
+  pre.textContent = detail.dataPiece;
+  const note = el('span', {class: 'cut'});
+  const more = el('button', {class: 'more', type: 'button', text: 'Show more'});
+  const showNote = () => {
+    note.textContent = `first ${loaded} of ${detail.dataLength} bytes `;
+    more.hidden = loaded >= detail.dataLength;
+  };
+  more.addEventListener('click', async () => {
+    more.disabled = true;
+    try {
+      const res = await fetch(`${url}?offset=${loaded}&length=${PIECE}`, {cache: 'no-store'});
+      if (!res.ok) throw new Error(`${res.status}`);
+      const bytes = new Uint8Array(await res.arrayBuffer());
+      loaded += bytes.length;
+      pre.append(decoder.decode(bytes, {stream: loaded < detail.dataLength}));
+      showNote();
+    } catch (e) {
+      note.textContent = 'could not load more: ' + e.message;
+    } finally {
+      more.disabled = false;
+    }
+  });
+  showNote();
+  box.append(el('div', {class: 'pieces'}, note, more, ' ',
+                el('a', {class: 'download', href: url, download: `event-${id}-data.json`,
+                         text: `download all (${detail.dataLength} bytes)`})));
 }
 
 function eventParams(extra) {
@@ -279,6 +321,9 @@ async function loadSessions() {
                   typeof s.hello === 'object' && s.hello !== null
                       ? definitionList(Object.entries(s.hello))
                       : el('pre', {text: oneLine(s.hello)}),
+                  el('a', {href: `/inspect/api/sessions/${encodeURIComponent(s.sessionId)}/hello`,
+                           download: `hello-${s.sessionId}.json`,
+                           text: `the whole hello (${s.helloLength} bytes)`}),
                   el('b', {text: 'Answer (what the collector said)'}),
                   definitionList([['sessionId', s.sessionId], ['timestamp', `${s.serviceTime} (${timeText(s.serviceTime)})`],
                                   ['throttled', s.throttled], ['Cookie sent', s.cookie]])));
@@ -298,8 +343,11 @@ function emptyRow(columns, text) {
 // ---- error reports and problems: newest first, new ones added on top ----
 
 function errorRow(e) {
-  const details = el('details', null, el('summary', {text: oneLine(e.data).slice(0, 120)}),
-                     el('pre', {text: pretty(e.data)}));
+  const whole = 'data' in e;
+  const details = el('details', null,
+                     el('summary', {text: (whole ? oneLine(e.data) : e.dataPreview).slice(0, 120)}),
+                     el('pre', {text: whole ? pretty(e.data)
+                                            : `${e.dataPreview} … (${e.dataLength} bytes)`}));
   return el('tr', null, cell(timeText(e.received), 'time'), cell(timeText(e.errorTime), 'time'),
             cell(shortId(e.sessionId), 'mono'), cell(e.applicationName ?? '–'),
             cell(oneLine(e.errorCode), 'type'), el('td', {class: 'data'}, details));
