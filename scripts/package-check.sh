@@ -107,6 +107,8 @@ flags="$(pkg-config --cflags --libs telvo)"
 # shellcheck disable=SC2086
 cc -std=c99 -Wall -Wextra -Werror -o "$work/consumer_c" examples/host.c $flags
 c_host="$work/consumer_c"
+# shellcheck disable=SC2086
+cc -std=c99 -Wall -Wextra -Werror -o "$work/client_rss" bench/client_rss.c $flags
 say "built the find_package consumer and, with pkg-config ($flags), the C host"
 
 # --- 4. Against the packaged tool's collector.
@@ -137,4 +139,6 @@ count() { jq --arg type "$1" '[.events[] | select(.eventType == $type)] | length
 [ "$(count stop)" = 1 ] || die "the find_package consumer's last event did not arrive"
 [ "$(count c_start)" = 1 ] && [ "$(count c_tick)" = 1 ] || die "the C host's events did not arrive"
 say "both consumers' events arrived at the collector"
+rss="$(timeout 60 "$work/client_rss" "${args[@]:0:8}")" || die "client_rss failed"
+say "resident memory: $rss (KiB)"
 say "ok"
