@@ -17,8 +17,9 @@ namespace telvo::test {
 inline bool underEmulator() { return TELVO_TEST_LAUNCHER[0] != '\0'; }
 
 // How many times longer a bound on elapsed time is under the emulator
-// (qemu runs this code several times slower than the machine would).
-inline double timeScale() { return underEmulator() ? 5.0 : 1.0; }
+// (qemu runs this code several times slower than the machine would, and
+// more when the machine is busy).
+inline double timeScale() { return underEmulator() ? 10.0 : 1.0; }
 
 // The command line that starts `program`: the emulator's words, then it.
 inline std::vector<std::string> launchCommand(const std::string& program) {

@@ -305,7 +305,7 @@ TEST_F(CollectorFaultsTest, HugeAndWideDocumentsKeepPeakMemoryBoundedAndOrdinary
       posters.emplace_back([&, i] { answers[i] = post("/api/postEvent/batch.json", input.body); });
     }
     for (auto& poster : posters) poster.join();
-    EXPECT_LT(secondsSince(started), 20.0);
+    EXPECT_LT(secondsSince(started), 20.0 * test::timeScale());
     for (const auto& [status, answer] : answers) {
       EXPECT_TRUE(status == 200 || status == 400) << status << " " << answer.substr(0, 300);
     }
@@ -837,7 +837,7 @@ TEST_F(CollectorFaultsTest, A48MiBEventIsReadWithinAQuarterGigabyte) {
 // ---- search: indexed, and bounded in time ----
 
 TEST_F(CollectorFaultsTest, SearchesAreIndexedBoundedInTimeAndHoldUpNoOtherQuery) {
-  constexpr int kLimitMs = kSanitized ? 1000 : 300;
+  const int kLimitMs = static_cast<int>((kSanitized ? 1000 : 300) * test::timeScale());
   start({"--query-time-ms", std::to_string(kLimitMs)});
   const std::string session = hello();
   ASSERT_FALSE(session.empty());
@@ -876,7 +876,7 @@ TEST_F(CollectorFaultsTest, SearchesAreIndexedBoundedInTimeAndHoldUpNoOtherQuery
         const auto asked = Clock::now();
         auto res = c->Get(longest.c_str());
         ++searches;
-        if (secondsSince(asked) > kLimitMs / 1000.0 + 1.5) ++late;
+        if (secondsSince(asked) > kLimitMs / 1000.0 + 1.5 * test::timeScale()) ++late;
         if (res && res->status == 503 &&
             res->body.find("search took too long") != std::string::npos) {
           ++tooLong;
@@ -902,7 +902,8 @@ TEST_F(CollectorFaultsTest, SearchesAreIndexedBoundedInTimeAndHoldUpNoOtherQuery
   EXPECT_GT(searches.load(), 0);
   EXPECT_EQ(tooLong.load(), searches.load()) << "searches answered other than 503";
   EXPECT_EQ(late.load(), 0) << "searches answered well past their limit";
-  EXPECT_LT(slowest, kLimitMs / 1000.0 + 0.5) << "seconds a query waited behind the searches";
+  EXPECT_LT(slowest, kLimitMs / 1000.0 + 0.5 * test::timeScale())
+      << "seconds a query waited behind the searches";
   EXPECT_GE(summary()["queries"].value("timedOut", 0), searches.load()) << summary().dump();
 
   // What a search finds: any case, its own % taken literally, two
