@@ -712,14 +712,7 @@ void cutData(std::string& data, std::int64_t length, std::size_t preview, bool* 
 // data (or preview), event_ms, received_ms, data length, session length,
 // type length.
 EventRow eventListed(sqlite3_stmt* s, std::size_t preview) {
-  EventRow row;
-  row.id = sqlite3_column_int64(s, 0);
-  row.sessionId = columnText(s, 1);
-  row.type = columnText(s, 2);
-  row.dataJson = columnText(s, 3);
-  row.eventMs = columnOptionalInt(s, 4);
-  row.receivedMs = sqlite3_column_int64(s, 5);
-  row.dataLength = sqlite3_column_int64(s, 6);
+  EventRow row = eventFrom(s);
   row.sessionIdLength = sqlite3_column_int64(s, 7);
   row.typeLength = sqlite3_column_int64(s, 8);
   cutData(row.dataJson, row.dataLength, preview, &row.dataWhole);
