@@ -5,9 +5,12 @@
 // responsive: what it asks every second while live (new rows, totals)
 // under 5 ms; a page of events, the session list and the chart under
 // 50 ms; a free-text search under 100 ms, whether it matches few rows or
-// none (the trigram index narrows it). A search of fewer than three
-// characters that matches nothing reads every row: it is not indexed, and
-// the collector's --query-time-ms stops it.
+// none. A search reads events newest first and answers with what it found
+// after the collector's default slice (--search-slice-ms 50), saying where
+// the next request goes on: the trigram index makes most searches complete
+// in one request; a text whose every trigram is in every event, or one of
+// fewer than three characters, reads every event and takes several (the
+// Whole* cases follow one to its end).
 //
 // Filling the database takes a few minutes; it is made once per run in a
 // temporary folder, or kept in $TELVO_BENCH_INSPECTOR_DIR (made there when
@@ -15,6 +18,7 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -121,6 +125,7 @@ CollectorStore& store() {
     if (writer->totals().events < kEvents) fill(*writer);
     auto opened = openStore(path, CollectorStore::Mode::kReadOnly);
     opened->setTimeLimit(std::chrono::seconds(60));
+    opened->setSearchSlice(std::chrono::milliseconds(50));
     return opened;
   }();
   return *reader;
@@ -174,9 +179,41 @@ void LongTextMatchingNoRow(benchmark::State& state) {
   timePage(state, [&](PageQuery& q) { q.text = text.substr(0, 1024); });
 }
 
-// Not indexed: reads every row (the collector stops it at --query-time-ms).
+// Not indexed: reads rows newest first until its slice is spent.
 void TwoCharactersMatchingNoRow(benchmark::State& state) {
   timePage(state, [](PageQuery& q) { q.text = "zq"; });
+}
+
+// A search followed to its end as the page follows it (before = where the
+// last answer stopped): the requests it took and the longest of them.
+void timeWholeSearch(benchmark::State& state, const std::string& text) {
+  double requests = 0, longest = 0;
+  for (auto _ : state) {
+    PageQuery query;
+    query.previewLength = 200;
+    query.text = text;
+    requests = 0;
+    while (true) {
+      const auto asked = std::chrono::steady_clock::now();
+      const auto page = store().eventPage(query);
+      longest = std::max(longest, std::chrono::duration<double, std::milli>(
+                                      std::chrono::steady_clock::now() - asked)
+                                      .count());
+      ++requests;
+      if (!page.searchedTo) break;
+      query.beforeId = page.searchedTo;
+    }
+  }
+  state.counters["requests"] = requests;
+  state.counters["longest_ms"] = longest;
+}
+
+void WholeSearchOfCommonTrigramsMatchingNoRow(benchmark::State& state) {
+  timeWholeSearch(state, "hd\"},\"tags");
+}
+
+void WholeSearchOfTwoCharactersMatchingNoRow(benchmark::State& state) {
+  timeWholeSearch(state, "zq");
 }
 
 void NewSinceLastPoll(benchmark::State& state) {
@@ -199,7 +236,7 @@ void Totals(benchmark::State& state) {
 void RateLastFiveMinutes(benchmark::State& state) {
   PageQuery newest;
   newest.limit = 1;
-  const std::int64_t last = store().eventPage(newest).at(0).receivedMs;
+  const std::int64_t last = store().eventPage(newest).rows.at(0).receivedMs;
   for (auto _ : state) benchmark::DoNotOptimize(store().eventRate(last - 300000, 1000, 200));
 }
 
@@ -212,6 +249,8 @@ BENCHMARK(TextMatchingNoRowOfCommonTrigrams)->Unit(benchmark::kMillisecond);
 BENCHMARK(TextMatchingNoRow)->Unit(benchmark::kMillisecond);
 BENCHMARK(LongTextMatchingNoRow)->Unit(benchmark::kMillisecond);
 BENCHMARK(TwoCharactersMatchingNoRow)->Unit(benchmark::kMillisecond);
+BENCHMARK(WholeSearchOfCommonTrigramsMatchingNoRow)->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(WholeSearchOfTwoCharactersMatchingNoRow)->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(NewSinceLastPoll)->Unit(benchmark::kMillisecond);
 BENCHMARK(SessionSummaries)->Unit(benchmark::kMillisecond);
 BENCHMARK(EventTypes)->Unit(benchmark::kMillisecond);

@@ -59,6 +59,7 @@ struct CollectorCommandOptions {
   double headerTimeout = 10, bodyTimeout = 10, idleTimeout = 2, writeTimeout = 10;
   ConnectionLimits connections;
   std::int64_t queryTimeMs = 1000;
+  std::int64_t searchSliceMs = 50;
   std::size_t readers = 4;
   std::size_t searchBytes = CollectorStore::kDefaultSearchBytes;
   std::vector<std::string> allowedHosts;
@@ -232,7 +233,8 @@ int runCollector(const CollectorCommandOptions& options) {
     }
     readers.push_back(std::move(reader));
   }
-  ReaderPool readerPool(std::move(readers), std::chrono::milliseconds(options.queryTimeMs));
+  ReaderPool readerPool(std::move(readers), std::chrono::milliseconds(options.queryTimeMs),
+                        std::chrono::milliseconds(options.searchSliceMs));
   if (!installStopSignals(&error)) {
     std::cerr << "telvo collector: " << error << "\n";
     return 1;
@@ -383,6 +385,11 @@ const bool registered = registerCommand(50, [](CLI::App& app) {
                   "beyond)")
       ->capture_default_str()
       ->check(CLI::Range(std::int64_t{10}, std::int64_t{600000}));
+  cmd->add_option("--search-slice-ms", o->searchSliceMs,
+                  "A text search answers with what it found after this many milliseconds of "
+                  "searching, and says where the next request goes on")
+      ->capture_default_str()
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{600000}));
   cmd->add_option("--readers", o->readers,
                   "Database connections the inspector's queries run on side by side")
       ->capture_default_str()

@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <random>
 #include <tuple>
 #include <string>
@@ -838,7 +839,8 @@ TEST_F(CollectorFaultsTest, A48MiBEventIsReadWithinAQuarterGigabyte) {
 
 TEST_F(CollectorFaultsTest, SearchesAreIndexedBoundedInTimeAndHoldUpNoOtherQuery) {
   const int kLimitMs = static_cast<int>((kSanitized ? 1000 : 300) * test::timeScale());
-  start({"--query-time-ms", std::to_string(kLimitMs)});
+  // No slice: a search runs until it is done or its time is up.
+  start({"--query-time-ms", std::to_string(kLimitMs), "--search-slice-ms", "600000"});
   const std::string session = hello();
   ASSERT_FALSE(session.empty());
   // Text that costs a LIKE the most for a run of a's: runs of 1,023 a's.
@@ -924,6 +926,71 @@ TEST_F(CollectorFaultsTest, SearchesAreIndexedBoundedInTimeAndHoldUpNoOtherQuery
   EXPECT_EQ(found("%22%7D"), 1u);
   std::printf("%d searches of 1,024 characters, each stopped at %d ms\n", searches.load(),
               kLimitMs);
+}
+
+TEST_F(CollectorFaultsTest, ASearchAnswersInSlicesAndGoesOnWhereItStopped) {
+  // Slices of 2 ms: a search that reads thousands of events answers many
+  // times on its way.
+  start({"--search-slice-ms", "2"});
+  const std::string session = hello();
+  ASSERT_FALSE(session.empty());
+  // 40,000 events; every 997th holds "abcd" and "q7", every other one the
+  // trigrams of "abcd" (so that the index cannot tell them apart) and no "q7".
+  constexpr int kEvents = 40000;
+  std::vector<int> matching;
+  for (int first = 0; first < kEvents; first += 1000) {
+    std::string events;
+    for (int n = first; n < first + 1000; ++n) {
+      if (n % 997 == 0) matching.insert(matching.begin(), n);  // newest first
+      events += std::string(n > first ? "," : "") +
+                "{\"eventType\":\"tick\",\"eventData\":{\"n\":" + std::to_string(n) +
+                ",\"t\":\"" + (n % 997 == 0 ? "abcd q7" : "abc bcd") + "\"}}";
+    }
+    auto [status, body] = post(
+        "/api/postEvent/batch.json",
+        envelopeOf("{\"sessionId\":\"" + session + "\",\"events\":[" + events + "]}"));
+    ASSERT_EQ(status, 200) << body;
+  }
+
+  // Pages of five, each next one from where the last stopped, as the page
+  // asks for them: every match once, newest first.
+  for (const std::string text : {"ABCD", "q7"}) {
+    SCOPED_TRACE(text);
+    std::vector<int> found;
+    std::optional<std::int64_t> before;
+    int answers = 0, stopped = 0;
+    double slowest = 0;
+    auto asking = client();
+    while (answers < 20000) {
+      const std::string target = "/inspect/api/events?limit=5&q=" + text +
+                                 (before ? "&before=" + std::to_string(*before) : "");
+      const auto asked = Clock::now();
+      auto res = asking->Get(target.c_str());
+      slowest = std::max(slowest, secondsSince(asked));
+      ++answers;
+      ASSERT_TRUE(res && res->status == 200) << target;
+      const Json page = Json::parse(res->body);
+      for (const Json& row : page["events"]) found.push_back(row["eventData"].value("n", -1));
+      if (page.contains("searchedTo")) {
+        ++stopped;
+        const std::int64_t next = page["searchedTo"];
+        ASSERT_TRUE(!before || next < *before) << "no progress: " << res->body;
+        if (!page["events"].empty()) {
+          ASSERT_LE(next, page["events"].back().value("id", 0));
+        }
+        before = next;
+      } else if (page["events"].size() == 5) {
+        before = page["events"].back().value("id", 0);
+      } else {
+        break;
+      }
+    }
+    EXPECT_EQ(found, matching);
+    EXPECT_GT(stopped, 1) << "the search was never cut into slices";
+    EXPECT_LT(slowest, 2.0 * test::timeScale()) << "seconds for one answer";
+    std::printf("\"%s\": %d answers, %d of them stopped by the slice, the slowest %.3f s\n",
+                text.c_str(), answers, stopped, slowest);
+  }
 }
 
 TEST_F(CollectorFaultsTest, ADatabaseOfAnOlderCollectorIsCountedAndIndexedWhenOpened) {

@@ -407,6 +407,39 @@ TEST_F(InspectorTest, PageInChromiumShowsStoredDataAsText) {
   EXPECT_GT(std::filesystem::file_size(shot), 10000u);
 }
 
+TEST_F(InspectorTest, PageInChromiumGoesOnWithASearchWhereEachAnswerStopped) {
+  if (!std::filesystem::exists(kChromium)) {
+    GTEST_SKIP() << "chromium is not installed (scripts/deps.sh installs it)";
+  }
+  // Slices of 1 ms: the search below answers many times before it reaches
+  // the oldest events, the only ones it finds.
+  ASSERT_EQ(collector_.stop(), 0);
+  ASSERT_TRUE(collector_.start(dir_.file("sliced"), {"--search-slice-ms", "1"}));
+  client_ = std::make_unique<httplib::SSLClient>("127.0.0.1", collector_.port());
+  client_->set_ca_cert_path(collector_.certificatePath().c_str());
+  client_->enable_server_certificate_verification(true);
+  const std::string session = hello("searched-app");
+  ASSERT_FALSE(session.empty());
+  ASSERT_EQ(batch(session, {{"found", {{"n", "q7 first"}}}, {"found", {{"n", "q7 second"}}}}), 200);
+  for (int posts = 0; posts < 40; ++posts) {
+    std::vector<std::pair<std::string, Json>> events(1000, {"other", {{"n", "nothing here"}}});
+    ASSERT_EQ(batch(session, events), 200);
+  }
+  auto [status, first] = get("/inspect/api/events?q=q7");
+  ASSERT_EQ(status, 200);
+  ASSERT_TRUE(first.contains("searchedTo")) << "the search was not cut: " << first.dump();
+
+  TempDir profile;
+  const std::string dom =
+      runChromium(profile.file("dom"), collector_.baseUrl() + "/#q=q7", "--dump-dom");
+  ASSERT_NE(dom.find("data-ready=\"1\""), std::string::npos) << dom;
+  const std::string events = element(dom, "events", "</tbody>");
+  EXPECT_NE(events.find("q7 first"), std::string::npos) << events;
+  EXPECT_NE(events.find("q7 second"), std::string::npos) << events;
+  EXPECT_EQ(events.find("nothing here"), std::string::npos);
+  EXPECT_EQ(element(dom, "events-note", "<").find("No events match"), std::string::npos);
+}
+
 TEST_F(InspectorTest, PageInChromiumFollowsArrivalsAndAPausedViewStaysPut) {
   if (!std::filesystem::exists(kChromium)) {
     GTEST_SKIP() << "chromium is not installed (scripts/deps.sh installs it)";

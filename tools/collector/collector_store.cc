@@ -284,6 +284,10 @@ std::unique_ptr<CollectorStore> CollectorStore::open(const std::string& path, Mo
   // The reader and the collector may briefly contend for the WAL index.
   sqlite3_busy_timeout(db, 5000);
   std::unique_ptr<CollectorStore> store(new CollectorStore(db));
+  // Where a search has got to (see searchSliced); not deterministic, so
+  // that SQLite calls it for every row.
+  sqlite3_create_function(db, "telvo_searched", 1, SQLITE_UTF8, store.get(),
+                          &CollectorStore::onSearched, nullptr, nullptr);
   store->searchBytes_ = std::max(searchBytes, kStoredPreviewBytes);
   if (mode == Mode::kReadWrite) {
     const std::string searchView =
@@ -770,16 +774,17 @@ std::optional<std::string> trigramQuery(std::string_view text) {
 
 }  // namespace
 
-std::vector<EventRow> CollectorStore::eventPage(const PageQuery& query) {
+EventPage CollectorStore::eventPage(const PageQuery& query) {
   std::lock_guard<std::mutex> lock(mutex_);
   startClock();
-  // ?5 preview bytes, ?6 session, ?7 type, ?8 text pattern, ?9 label
-  // length, ?10 the trigram query. A text is matched against each event's
-  // search text (searchTextSql(), a few KiB at most); with three characters
-  // or more, the rows come from the trigram index, newest first, else they
-  // are read newest first until the page is full. Without a text, the
-  // session and type tests are written so that SQLite can take the rows
-  // from events_by_session or events_by_type in id order.
+  // ?1 and ?2 the ids between, ?3 the arrival, ?4 the rows wanted, ?5
+  // preview bytes, ?6 session, ?7 type, ?8 text pattern, ?9 label length,
+  // ?10 the trigram query. A text is matched against each event's search
+  // text (searchTextSql(), a few KiB at most); with three characters or
+  // more, the rows come from the trigram index, newest first, else they are
+  // read newest first until the page is full. Without a text, the session
+  // and type tests are written so that SQLite can take the rows from
+  // events_by_session or events_by_type in id order.
   const auto trigrams = query.text ? trigramQuery(*query.text) : std::nullopt;
   const std::string e = trigrams ? "e." : "";
   std::string sql = "SELECT " + e + "id, substr(" + e + "session_id, 1, ?9), substr(" + e +
@@ -790,29 +795,32 @@ std::vector<EventRow> CollectorStore::eventPage(const PageQuery& query) {
                     "data_json AS BLOB))), length(" + e + "session_id), length(" + e + "type) ";
   const std::string textTest =
       query.text ? "AND " + searchTextSql(e, searchBytes_) + " LIKE ?8 ESCAPE '\\' " : "";
+  // A search tells where it has got to, for each event before any other test.
+  const std::string seen = query.text ? "AND telvo_searched(" + e + "id) " : "";
   if (trigrams) {
     sql += "FROM events_text AS f JOIN events AS e ON e.id = f.rowid "
            "WHERE events_text MATCH ?10 AND f.rowid > ?1 AND f.rowid < ?2 "
-           "AND e.received_ms >= ?3 AND (?6 IS NULL OR e.session_id = ?6) "
-           "AND (?7 IS NULL OR e.type = ?7) " +
+           "AND telvo_searched(f.rowid) AND e.received_ms >= ?3 "
+           "AND (?6 IS NULL OR e.session_id = ?6) AND (?7 IS NULL OR e.type = ?7) " +
            textTest + "ORDER BY f.rowid DESC LIMIT ?4";
   } else if (query.sessionId) {
-    sql += "FROM events WHERE session_id = ?6 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
-           "AND (?7 IS NULL OR type = ?7) " +
-           textTest + "ORDER BY id DESC LIMIT ?4";
+    sql += "FROM events WHERE session_id = ?6 AND id > ?1 AND id < ?2 " + seen +
+           "AND received_ms >= ?3 AND (?7 IS NULL OR type = ?7) " + textTest +
+           "ORDER BY id DESC LIMIT ?4";
   } else if (query.type) {
-    sql += "FROM events WHERE type = ?7 AND id > ?1 AND id < ?2 AND received_ms >= ?3 "
-           "AND (?6 IS NULL OR session_id = ?6) " +
-           textTest + "ORDER BY id DESC LIMIT ?4";
+    sql += "FROM events WHERE type = ?7 AND id > ?1 AND id < ?2 " + seen +
+           "AND received_ms >= ?3 AND (?6 IS NULL OR session_id = ?6) " + textTest +
+           "ORDER BY id DESC LIMIT ?4";
   } else {
-    sql += "FROM events WHERE id > ?1 AND id < ?2 AND received_ms >= ?3 "
-           "AND (?6 IS NULL OR session_id = ?6) AND (?7 IS NULL OR type = ?7) " +
+    sql += "FROM events WHERE id > ?1 AND id < ?2 " + seen +
+           "AND received_ms >= ?3 AND (?6 IS NULL OR session_id = ?6) "
+           "AND (?7 IS NULL OR type = ?7) " +
            textTest + "ORDER BY id DESC LIMIT ?4";
   }
   Statement statement(db_, sql.c_str());
-  std::vector<EventRow> rows;
+  EventPage page;
   sqlite3_stmt* s = statement.get();
-  if (!s) return rows;
+  if (!s) return page;
   const std::size_t preview = clampedPreview(query.previewLength);
   bindPage(s, query);
   sqlite3_bind_int64(s, 5, asInt(preview));
@@ -822,8 +830,49 @@ std::vector<EventRow> CollectorStore::eventPage(const PageQuery& query) {
            query.text ? std::optional<std::string>(containsPattern(*query.text)) : std::nullopt);
   sqlite3_bind_int64(s, 9, asInt(query.labelLength));
   bindText(s, 10, trigrams);
-  while (sqlite3_step(s) == SQLITE_ROW) rows.push_back(eventListed(s, preview));
-  return rows;
+  if (query.text) {
+    page.searchedTo = searchSliced(query, s, page.rows);
+    return page;
+  }
+  while (sqlite3_step(s) == SQLITE_ROW) page.rows.push_back(eventListed(s, preview));
+  return page;
+}
+
+std::optional<std::int64_t> CollectorStore::searchSliced(const PageQuery& query, sqlite3_stmt* s,
+                                                         std::vector<EventRow>& rows) {
+  const std::size_t preview = clampedPreview(query.previewLength);
+  // One statement reads the events newest first; telvo_searched() sees the
+  // id of each before its text is checked. Once the slice is spent (and one
+  // event at least was checked whole), the statement stops, and the search
+  // goes on next time from the last event seen, which may not have been
+  // checked, unless it was given.
+  searched_ = Searched{};
+  searched_.above = query.afterId.value_or(INT64_MIN);
+  searched_.below = query.beforeId.value_or(INT64_MAX);
+  if (slice_.count() > 0) sliceEnd_ = std::chrono::steady_clock::now() + slice_;
+  int step;
+  while ((step = sqlite3_step(s)) == SQLITE_ROW) rows.push_back(eventListed(s, preview));
+  const bool stopped = step != SQLITE_DONE && sliceOver_ && !timedOut_;
+  sliceEnd_.reset();
+  if (!stopped || searched_.count == 0) return std::nullopt;
+  std::int64_t next = searched_.lowest < INT64_MAX ? searched_.lowest + 1 : searched_.lowest;
+  if (!rows.empty()) next = std::min(next, rows.back().id);
+  return next;
+}
+
+void CollectorStore::onSearched(sqlite3_context* context, int count, sqlite3_value** values) {
+  auto* store = static_cast<CollectorStore*>(sqlite3_user_data(context));
+  if (count == 1) {
+    // (The index may give an id at a bound of the range, which SQLite then
+    // drops.)
+    const std::int64_t id = sqlite3_value_int64(values[0]);
+    if (id > store->searched_.above && id < store->searched_.below &&
+        id < store->searched_.lowest) {
+      store->searched_.lowest = id;
+      ++store->searched_.count;
+    }
+  }
+  sqlite3_result_int(context, 1);
 }
 
 std::optional<EventRow> CollectorStore::event(std::int64_t id, std::size_t wholeBytes,
@@ -1081,7 +1130,8 @@ void CollectorStore::setTimeLimit(std::chrono::milliseconds limit) {
   // Checked every hundred steps of a statement: a step may take long (a
   // LIKE over a large text is one), so the check is frequent; it costs a
   // clock read, a few percent of a scan.
-  sqlite3_progress_handler(db_, limit.count() > 0 ? 100 : 0, &CollectorStore::onProgress, this);
+  sqlite3_progress_handler(db_, limit.count() > 0 || slice_.count() > 0 ? 100 : 0,
+                           &CollectorStore::onProgress, this);
 }
 
 bool CollectorStore::timedOut() {
@@ -1089,16 +1139,37 @@ bool CollectorStore::timedOut() {
   return timedOut_;
 }
 
+void CollectorStore::setSearchSlice(std::chrono::milliseconds slice) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  slice_ = slice;
+  // The slice is checked by the progress handler that the time limit sets.
+  if (limit_.count() <= 0) {
+    sqlite3_progress_handler(db_, slice.count() > 0 ? 100 : 0, &CollectorStore::onProgress, this);
+  }
+}
+
 void CollectorStore::startClock() {
   timedOut_ = false;
+  sliceOver_ = false;
+  sliceEnd_.reset();
   deadline_ = std::chrono::steady_clock::now() + limit_;
 }
 
 int CollectorStore::onProgress(void* self) {
   auto* store = static_cast<CollectorStore*>(self);
-  if (store->limit_.count() <= 0 || std::chrono::steady_clock::now() < store->deadline_) return 0;
-  store->timedOut_ = true;
-  return 1;  // interrupts the statement
+  if (store->limit_.count() <= 0 && !store->sliceEnd_) return 0;
+  const auto now = std::chrono::steady_clock::now();
+  if (store->limit_.count() > 0 && now >= store->deadline_) {
+    store->timedOut_ = true;
+    return 1;  // interrupts the statement
+  }
+  // A search stops for its slice only once it has checked one event whole
+  // (it has seen a second): each answer moves it on.
+  if (store->sliceEnd_ && now >= *store->sliceEnd_ && store->searched_.count >= 2) {
+    store->sliceOver_ = true;
+    return 1;
+  }
+  return 0;
 }
 
 }  // namespace telvo::tool

@@ -36,6 +36,8 @@
 
 struct sqlite3;
 struct sqlite3_stmt;
+struct sqlite3_context;
+struct sqlite3_value;
 
 namespace telvo::tool {
 
@@ -162,6 +164,15 @@ struct PageQuery {
   std::size_t labelLength = 200;
 };
 
+// A page of events. A search that spent its slice of time (see
+// setSearchSlice) before the page was full stops there: the events with ids
+// at or above `searchedTo` were searched, and the next request goes on below
+// it (beforeId = searchedTo). Without it the search is complete.
+struct EventPage {
+  std::vector<EventRow> rows;
+  std::optional<std::int64_t> searchedTo;
+};
+
 inline constexpr int kMaxPageRows = 1000;
 // Event types are counted, and charted, by their first this many characters.
 inline constexpr std::size_t kShownLabelLength = 200;
@@ -227,7 +238,9 @@ class CollectorStore {
 
   // The inspector's queries: pages newest first, each bounded by
   // PageQuery::limit and served from an index.
-  std::vector<EventRow> eventPage(const PageQuery& query);
+  // A text search reads the events newest first and stops once its slice
+  // is spent, having checked one event at least.
+  EventPage eventPage(const PageQuery& query);
   // One event: its data whole when at most `wholeBytes` long, else its first
   // `pieceBytes`; labels cut as `labelLength` says.
   std::optional<EventRow> event(std::int64_t id, std::size_t wholeBytes, std::size_t pieceBytes,
@@ -264,6 +277,9 @@ class CollectorStore {
   // what it had read by then.
   void setTimeLimit(std::chrono::milliseconds limit);
   bool timedOut();
+  // A text search answers with what it found once it has searched for
+  // `slice` (0: until the page is full or every event is searched).
+  void setSearchSlice(std::chrono::milliseconds slice);
 
 
  private:
@@ -275,6 +291,9 @@ class CollectorStore {
   bool fillKept(std::string* error);
   bool countEvents(const RequestRecord& rows, std::string* error);
   void startClock();  // with mutex_ held
+  std::optional<std::int64_t> searchSliced(const PageQuery& query, sqlite3_stmt* s,
+                                           std::vector<EventRow>& rows);
+  static void onSearched(sqlite3_context* context, int count, sqlite3_value** values);
   static int onProgress(void* self);
 
   std::mutex mutex_;
@@ -296,6 +315,19 @@ class CollectorStore {
   std::chrono::milliseconds limit_{0};
   std::chrono::steady_clock::time_point deadline_;
   bool timedOut_ = false;
+  // A search's slice: it ends at sliceEnd_ (when set), and sliceOver_ says
+  // that the statement was stopped for that.
+  std::chrono::milliseconds slice_{0};
+  std::optional<std::chrono::steady_clock::time_point> sliceEnd_;
+  bool sliceOver_ = false;
+  // The events the running search has seen between its bounds (`above`,
+  // `below`; each id may be seen more than once): how many, and the lowest.
+  struct Searched {
+    std::int64_t above = INT64_MIN;
+    std::int64_t below = INT64_MAX;
+    std::int64_t count = 0;
+    std::int64_t lowest = INT64_MAX;
+  } searched_;
 };
 
 }  // namespace telvo::tool

@@ -260,10 +260,12 @@ void serveAsset(const std::string& name, httplib::Response& res) {
 }  // namespace
 
 ReaderPool::ReaderPool(std::vector<std::unique_ptr<CollectorStore>> readers,
-                       std::chrono::milliseconds timeLimit)
+                       std::chrono::milliseconds timeLimit,
+                       std::chrono::milliseconds searchSlice)
     : readers_(std::move(readers)), timeLimit_(timeLimit) {
   for (auto& reader : readers_) {
     reader->setTimeLimit(timeLimit);
+    reader->setSearchSlice(searchSlice);
     free_.push_back(reader.get());
   }
 }
@@ -444,10 +446,15 @@ void Inspector::installRoutes(httplib::Server& server) {
                    parameters.number("preview", 1, kMaxPreview).value_or(kDefaultPreview));
                query.labelLength = kLabelLength;
                withReader(res, query.text.has_value(), [&](CollectorStore& store) {
+                 const EventPage page = store.eventPage(query);
                  JsonText out;
                  out.open('{').key("events").open('[');
-                 for (const EventRow& row : store.eventPage(query)) writeEvent(out, row, false);
-                 out.close(']').close('}');
+                 for (const EventRow& row : page.rows) writeEvent(out, row, false);
+                 out.close(']');
+                 // A search that spent its slice: the next request goes on
+                 // below this id (before=).
+                 if (page.searchedTo) out.key("searchedTo").number(*page.searchedTo);
+                 out.close('}');
                  answer(res, out.take());
                });
              }));

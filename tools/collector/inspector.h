@@ -25,7 +25,8 @@
 //
 // Every query runs on a reader of a small pool, bounded in time: one that
 // takes longer is answered 503 ("search took too long" for a text search),
-// and holds up no other.
+// and holds up no other. A text search answers after its slice with what
+// it found and "searchedTo", where the next request goes on.
 //
 // Thread-safe.
 #pragma once
@@ -51,12 +52,14 @@ struct Response;
 namespace telvo::tool {
 
 // A few read-only connections to the collector's database, each with a time
-// limit on its queries, lent to one request at a time: a slow query holds
-// one of them for at most its limit, and the others go on meanwhile.
+// limit on its queries (and a slice for searches, 0: none), lent to one
+// request at a time: a slow query holds one of them for at most its limit,
+// and the others go on meanwhile.
 class ReaderPool {
  public:
   ReaderPool(std::vector<std::unique_ptr<CollectorStore>> readers,
-             std::chrono::milliseconds timeLimit);
+             std::chrono::milliseconds timeLimit,
+             std::chrono::milliseconds searchSlice = std::chrono::milliseconds(0));
 
   class Lent {
    public:

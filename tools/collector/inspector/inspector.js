@@ -15,7 +15,9 @@ const state = {
   filter: {session: '', type: '', q: ''},
   paused: false,
   newest: {event: 0, error: 0, problem: 0},   // largest ids shown
-  oldestEvent: null,                          // smallest event id shown
+  oldestEvent: null,                          // where the next older page starts (before=)
+  searchedTo: null,                           // where a search stopped, when it did
+  listRun: 0,                                 // the event list being filled (a new one stops the last)
   known: null,                                // the last summary read
   chartPeriod: '60:1',
   sessionsShown: -1,
@@ -240,31 +242,63 @@ function eventParams(extra) {
                         limit: PAGE}, extra);
 }
 
+// What a page of the list says of the next one: a search answers with what
+// it found in its slice of time and where it stopped (searchedTo), so the
+// next older page starts there rather than after the last row.
+function notePage(page, asked = PAGE) {
+  const rows = page.events;
+  state.searchedTo = page.searchedTo ?? null;
+  if (state.searchedTo !== null) state.oldestEvent = state.searchedTo;
+  else if (rows.length) state.oldestEvent = rows[rows.length - 1].id;
+  else state.oldestEvent = null;
+  $('older').hidden = rows.length < asked && state.searchedTo === null;
+}
+
+// Goes on with a search that stopped, a request at a time, until `wanted`
+// rows were added, every event was searched, or the list was replaced.
+async function searchOn(run, wanted) {
+  const body = $('events');
+  while (run === state.listRun && state.searchedTo !== null && wanted > 0) {
+    $('events-note').textContent = `Searching older events (below #${state.searchedTo})…`;
+    const asked = Math.min(wanted, PAGE);
+    const page = await api('events', eventParams({before: state.searchedTo, limit: asked}));
+    if (run !== state.listRun) return;
+    body.append(...page.events.map(eventRow));
+    wanted -= page.events.length;
+    notePage(page, asked);
+  }
+  if (run === state.listRun) $('events-note').textContent = body.children.length ? '' : 'No events match.';
+}
+
 async function loadEvents() {
   const body = $('events');
+  const run = ++state.listRun;
   const page = await api('events', eventParams());
+  if (run !== state.listRun) return;
   body.replaceChildren(...page.events.map(eventRow));
   state.newest.event = Math.max(state.known ? state.known.lastEventId : 0,
                                 page.events.length ? page.events[0].id : 0);
-  state.oldestEvent = page.events.length ? page.events[page.events.length - 1].id : null;
-  $('older').hidden = page.events.length < PAGE;
+  notePage(page);
   $('events-note').textContent = page.events.length ? '' : 'No events match.';
+  if (state.searchedTo !== null) await searchOn(run, PAGE - page.events.length);
 }
 
 async function loadOlderEvents() {
   if (state.oldestEvent === null) return;
+  const run = ++state.listRun;
   const page = await api('events', eventParams({before: state.oldestEvent}));
+  if (run !== state.listRun) return;
   $('events').append(...page.events.map(eventRow));
-  if (page.events.length) state.oldestEvent = page.events[page.events.length - 1].id;
-  $('older').hidden = page.events.length < PAGE;
+  notePage(page);
+  if (state.searchedTo !== null) await searchOn(run, PAGE - page.events.length);
 }
 
 async function loadNewEvents(lastEventId) {
   const body = $('events');
   const burst = 1000;
   const page = await api('events', eventParams({after: state.newest.event, limit: burst}));
-  if (page.events.length === burst) {
-    // More arrived than one read takes: start again from the newest.
+  if (page.events.length === burst || page.searchedTo !== undefined) {
+    // More arrived than one read takes (or searches): start again from the newest.
     await loadEvents();
     return;
   }
@@ -273,8 +307,11 @@ async function loadNewEvents(lastEventId) {
   for (const row of fresh) row.classList.add('fresh');
   body.prepend(...fresh);
   state.newest.event = Math.max(lastEventId, page.events.length ? page.events[0].id : 0);
-  $('events-note').textContent = body.children.length ? '' : 'No events match.';
+  if (state.searchedTo === null) $('events-note').textContent = body.children.length ? '' : 'No events match.';
+  if (body.children.length <= MAX_ROWS && state.searchedTo !== null) return;
   while (body.children.length > MAX_ROWS) body.lastElementChild.remove();
+  // Older pages go on below the last row shown (a search too, from there).
+  state.searchedTo = null;
   const last = body.lastElementChild;
   if (last && last.dataset.id) state.oldestEvent = Number(last.dataset.id);
 }
