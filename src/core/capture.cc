@@ -110,6 +110,7 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
   const std::size_t bytes = event.bytes;
   const bool tooBig = bytes > options.maxPostBytes;
   bool full = false;
+  bool roomy = false;
   bool schedule = false;
   bool spoolPass = false;
   {
@@ -119,6 +120,9 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
         std::max<std::int64_t>(0, queuedBytes.load(std::memory_order_relaxed)));
     const std::size_t held = queued + pendingBytes;
     full = held > options.maxQueuedBytes || bytes > options.maxQueuedBytes - held;
+    // A full queue's episode ends once half of it is free again, not when
+    // a capture frees the room of a few events that a flood takes at once.
+    roomy = !full && held + bytes <= options.maxQueuedBytes / 2;
     if (!tooBig && !full) {
       if (event.fields) {
         event.textOffset = pendingText.size();
@@ -165,7 +169,7 @@ void Telvo::Impl::enqueue(PendingEvent event, std::string_view name, std::string
                    "): new events are dropped and counted until a flush makes room");
     return;
   }
-  queueFull.fits();
+  if (roomy) queueFull.fits();
   tooLarge.fits();
   if (schedule) postDrain(name);
   if (spoolPass) scheduleSpoolPass();

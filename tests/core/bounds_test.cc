@@ -150,6 +150,31 @@ TEST(Bounds, AFullQueueDropsNewEventsAndLogsOncePerEpisode) {
   EXPECT_GT(client->stats().eventsDroppedQueueFull, before);
 }
 
+TEST(Bounds, AFullQueueStaysOneEpisodeUntilHalfOfItIsFreeAgain) {
+  VirtualPlatform platform;
+  ClientOptions options;
+  options.maxQueuedBytes = 4000;
+  auto client = boundedClient(platform, options);
+  CapturedLog log;
+  // Json events are guessed larger at the call than they are once
+  // captured: each capture frees a little room, which a flood takes at once.
+  for (int round = 0; round < 20; ++round) {
+    for (int i = 0; i < 20; ++i) client->sendEvent("j", Json{{"a", i}});
+    EXPECT_FALSE(client->batch().empty());  // captures what is pending
+  }
+  const Stats stats = client->stats();
+  EXPECT_GT(stats.eventsDroppedQueueFull, 200u);
+  EXPECT_GT(stats.eventsQueued, 20u);
+  EXPECT_EQ(log.count("the event queue is full"), 1u);
+
+  // Emptied by a flush, it is a new episode.
+  client->dumpEvents();
+  platform.settle();
+  platform.transport->answerJson(lastIndex(platform), Json::object());
+  for (int i = 0; i < 200; ++i) client->sendEvent("j", Json{{"a", i}});
+  EXPECT_EQ(log.count("the event queue is full"), 2u);
+}
+
 TEST(Bounds, AFlushBeyondOnePostSplitsIntoWholePostsInTimestampOrder) {
   VirtualPlatform platform;
   ClientOptions options;
