@@ -74,8 +74,9 @@ class TELVO_API TelvoTransport {
     std::string caPath;         // folder of hashed certificates
     std::string proxy;          // e.g. "http://proxy:3128"; empty: libcurl's default
     double connectTimeout = 0;  // seconds; 0: libcurl's default
-    // Seconds without data before a request fails, for every request; 0:
-    // each request's own timeoutInterval (30 s for the client's posts).
+    // Seconds without data before a request fails, for every request (any
+    // byte sent or received starts it again); 0: each request's own
+    // timeoutInterval (30 s for the client's posts).
     double requestTimeout = 0;
   };
   static void setOptions(Options options);

@@ -28,7 +28,9 @@ struct TELVO_API URLRequest {
   std::optional<Bytes> HTTPBody;
   // 4 asks for no cached data. libcurl keeps no cache, so no policy adds a header.
   int cachePolicy = 0;
-  double timeoutInterval = 60.0;  // seconds, for the whole transfer
+  // Seconds without data before the request fails: any byte sent or
+  // received (a header line, a piece of the body) starts it again.
+  double timeoutInterval = 60.0;
   // When set, the transport sends and keeps cookies from the shared cookie storage.
   bool HTTPShouldHandleCookies = true;
 

@@ -493,8 +493,9 @@ bool CurlClient::Engine::prepare(Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 1L);
 
   // The request's time-out is time without data, connecting included, as the
-  // platform's URL session counts it (onProgress); a transfer that keeps
-  // trickling still ends after kLongestTransfer in all.
+  // platform's URL session counts it: any byte sent or received (a header
+  // line, a piece of the body) starts it again (onHeader, onProgress); a
+  // transfer that keeps trickling still ends after kLongestTransfer in all.
   double timeout = options_.requestTimeout > 0 ? options_.requestTimeout : request.timeoutInterval;
   if (!(timeout > 0) || !std::isfinite(timeout)) timeout = kDefaultTimeoutSeconds;
   timeout = std::min(timeout, kLongestTransfer);
@@ -541,6 +542,7 @@ bool CurlClient::Engine::prepare(Transfer& transfer) {
 size_t CurlClient::Engine::onHeader(char* data, size_t size, size_t count, void* user) {
   auto& transfer = *static_cast<Transfer*>(user);
   const size_t length = size * count;
+  transfer.lastActivity = SteadyClock::now();  // the answer's fields are data too
   std::string_view line(data, length);
   while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
   if (line.substr(0, 5) == "HTTP/") {

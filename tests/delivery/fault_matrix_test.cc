@@ -151,6 +151,20 @@ TEST_F(FaultMatrix, ASlowDripWithinTheTimeOutCompletes) {
   EXPECT_GE(outcome.seconds, 2.0);
 }
 
+TEST_F(FaultMatrix, HeaderBytesCountAsDataForTheTimeOut) {
+  // The status line at 0.7 s, the fields at 1.4 s, the body at 2.1 s: never
+  // 1 s without a byte, though the body comes after twice the time-out.
+  ScriptedServer server({ScriptedServer::pause(700ms), ScriptedServer::send("HTTP/1.1 200 OK\r\n"),
+                         ScriptedServer::pause(700ms),
+                         ScriptedServer::send("Content-Length: 5\r\n\r\n"),
+                         ScriptedServer::pause(700ms), ScriptedServer::send("[1,2]")});
+  auto outcome = exchange(server.url("/"), 1.0);
+  for (const auto& failure : outcome.delegate->failures()) ADD_FAILURE() << failure.message;
+  ASSERT_EQ(outcome.delegate->results().size(), 1u);
+  EXPECT_EQ(*outcome.delegate->results()[0].result, Json::array({1, 2}));
+  EXPECT_GE(outcome.seconds, 2.0);
+}
+
 TEST_F(FaultMatrix, AnAnswerThatStallsMidWayFailsAfterTheTimeOutWithoutData) {
   ScriptedServer server({ScriptedServer::send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n[1,"),
                          ScriptedServer::stall()});
