@@ -53,9 +53,10 @@
 //     log line. A setting that holds a JSON null (TelvoConfig::holdsNull,
 //     TelvoMasterConfig::holdsNull) is present: events, error reports and
 //     the hello carry it as null.
-//   - An error report with a null code, or on a configuration without
-//     appName, is dropped with a log line. Non-finite numbers inside an error
-//     report are sent as null.
+//   - An error report carries its code as given, a JSON null included
+//     ("errorCode": null). One on a configuration without appName is dropped
+//     with a log line. Non-finite numbers inside an error report are sent as
+//     null.
 //   - A hello that would carry an absent value (property, appName,
 //     appVersion, platform, vendor identifier, the user-id token when enabled)
 //     is not sent: the client logs why and stays uninitialised.

@@ -157,7 +157,8 @@ TELVO_API int telvo_send_error_fields(telvo_client* client, const char* code_jso
                                       const telvo_field* fields, size_t count);
 
 /* Posts one error report at once. `code_json` is the error code as JSON text
- * ("42", "\"E42\""; not null); `details_json` a JSON object text or null. */
+ * ("42", "\"E42\"", "null"), sent as it is; `details_json` a JSON object
+ * text or null. */
 TELVO_API int telvo_send_error(telvo_client* client, const char* code_json,
                                const char* details_json);
 /* Waits up to `timeout_ms` until every event and error report accepted

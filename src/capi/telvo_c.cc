@@ -418,7 +418,6 @@ int telvo_send_error(telvo_client* client, const char* code_json, const char* de
     if (!client || !code_json) return fail(TELVO_ERROR_NULL_ARGUMENT, "client or code is null");
     auto code = parsed(code_json, "the error code");
     if (!code) return TELVO_ERROR_INVALID_JSON;
-    if (code->is_null()) return fail(TELVO_ERROR_INVALID_JSON, "the error code is null");
     std::optional<telvo::Json> details;
     if (!objectArgument(details_json, "error details", details)) return TELVO_ERROR_INVALID_JSON;
     client->client->sendError(std::move(*code), std::move(details));
@@ -443,7 +442,6 @@ int telvo_send_error_fields(telvo_client* client, const char* code_json, const t
     if (!client || !code_json) return fail(TELVO_ERROR_NULL_ARGUMENT, "client or code is null");
     auto code = parsed(code_json, "the error code");
     if (!code) return TELVO_ERROR_INVALID_JSON;
-    if (code->is_null()) return fail(TELVO_ERROR_INVALID_JSON, "the error code is null");
     Converted converted;
     if (!toFields(fields, count, converted)) return static_cast<int>(lastStatus);
     client->client->sendError(std::move(*code), converted.fields.data(),

@@ -70,7 +70,9 @@ HelloRequest makeHelloRequest(const std::string& property, const TelvoConfig& co
   hello.payload = encoding::dumpJson(payload);
 
   URLRequest request = encoding::envelopeRequest(
-      textOrNull(master.servicesUrl()) + textOrNull(master.helloApi()), hello.payload);
+      textOrNull(master.servicesUrl(), master.holdsNull("servicesUrl")) +
+          textOrNull(master.helloApi(), master.holdsNull("helloApi")),
+      hello.payload);
   request.HTTPShouldHandleCookies = true;
   if (storedCookie) {
     if (auto cookie = HTTPCookie::cookieWithProperties(*storedCookie)) {

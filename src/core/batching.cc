@@ -10,6 +10,7 @@
 #include "delivery/batch_payload.h"
 #include "delivery/flush_order.h"
 #include "delivery/flush_rules.h"
+#include "encoding/json_text.h"
 #include "telvo/log.h"
 
 namespace telvo {
@@ -95,11 +96,7 @@ void Telvo::Impl::flushNow() {
   delivery::sortByTimestamp(events);
 
   const Snapshot current = snapshot();
-  std::optional<std::string> servicesUrl, batchApi;
-  if (current.master) {
-    servicesUrl = current.master->servicesUrl();
-    batchApi = current.master->batchApi();
-  }
+  const Locations at = locations(current.master.get());
   // One post, or several in timestamp order when the events exceed a post.
   for (std::size_t next = 0; next < events.size();) {
     const std::size_t from = next;
@@ -123,7 +120,7 @@ void Telvo::Impl::flushNow() {
       continue;
     }
     if (debugging()) log("Sending events string: " + part.json);
-    post(delivery::BatchPayload::request(servicesUrl, batchApi, part.json), part.events,
+    post(delivery::BatchPayload::request(at.servicesUrl, at.batchApi, part.json), part.events,
          deliveries->begin(), std::move(spooled));
   }
 }
@@ -246,6 +243,16 @@ bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {
   // flush makes this one fail.
   const std::uint64_t lost = counters.lost();
   return lostAtLastFlush.exchange(lost) == lost;
+}
+
+}  // namespace telvo
+
+namespace telvo {
+
+Telvo::Impl::Locations Telvo::Impl::locations(const TelvoMasterConfig* master) {
+  if (!master) return {encoding::textOrNull(std::nullopt), encoding::textOrNull(std::nullopt)};
+  return {encoding::textOrNull(master->servicesUrl(), master->holdsNull("servicesUrl")),
+          encoding::textOrNull(master->batchApi(), master->holdsNull("batchApi"))};
 }
 
 }  // namespace telvo

@@ -12,14 +12,9 @@ namespace telvo {
 
 // Both forms: accepted only once initialised (throttling does not stop
 // reports), and never without a code.
-bool Telvo::Impl::acceptsErrorReport(const Json& code) {
+bool Telvo::Impl::acceptsErrorReport() {
   if (!initialized.load(std::memory_order_acquire)) return false;
   counters.errorsAccepted.add();
-  if (code.is_null()) {
-    counters.errorsDropped.add();
-    log("Telvo: error report dropped: its error code is null");
-    return false;
-  }
   if (pendingReports.load(std::memory_order_relaxed) >=
       static_cast<std::int64_t>(std::min<std::uint64_t>(options.maxPendingErrorReports, INT64_MAX))) {
     counters.errorsDropped.add();
@@ -56,13 +51,13 @@ void Telvo::Impl::sendError(Json code, std::optional<Json> details) {
     throw UsageError(std::string("Telvo::sendError: details must be a JSON object, not ") +
                      details->type_name());
   }
-  if (!acceptsErrorReport(code)) return;
+  if (!acceptsErrorReport()) return;
   queueErrorReport(std::move(code), std::move(details));
 }
 
 void Telvo::Impl::sendError(Json code, const Field* details, std::size_t count) {
   if (count == 0) return sendError(std::move(code), std::nullopt);
-  if (!acceptsErrorReport(code)) return;
+  if (!acceptsErrorReport()) return;
   // Written here: the fields view the caller's values, which do not outlive
   // the call.
   delivery::WrittenDetails written;
@@ -89,13 +84,11 @@ void Telvo::Impl::postErrorReport(const Json& code, const Details& details,
   const std::string json = delivery::ErrorPost::write(
       *current.session, *appName, wholeMilliseconds(serviceMilliseconds()), code, details);
   if (debugging()) log("Payload: " + json);
-  std::optional<std::string> servicesUrl;
-  if (current.master) servicesUrl = current.master->servicesUrl();
   std::vector<std::uint64_t> spooled;
   if (const std::uint64_t sequence = spoolErrorReport(encoding::dumpJson(*current.session), json)) {
     spooled.push_back(sequence);
   }
-  post(delivery::ErrorPost::request(servicesUrl, json), 0, std::move(ticket), std::move(spooled));
+  post(delivery::ErrorPost::request(locations(current.master.get()).servicesUrl, json), 0, std::move(ticket), std::move(spooled));
 }
 
 }  // namespace telvo

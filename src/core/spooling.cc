@@ -153,11 +153,7 @@ void Telvo::Impl::forget(const std::vector<std::uint64_t>& sequences) {
 void Telvo::Impl::replaySpool() {
   if (!spool || spoolLeftOver == 0) return;
   const Snapshot current = snapshot();
-  std::optional<std::string> servicesUrl, batchApi;
-  if (current.master) {
-    servicesUrl = current.master->servicesUrl();
-    batchApi = current.master->batchApi();
-  }
+  const Locations at = locations(current.master.get());
   const double delta = timeStampDelta.load(std::memory_order_acquire);
   std::uint64_t after = 0, left = spoolLeftOver;
   std::uint64_t replayedRecords = 0, replayedEvents = 0, corrupt = 0;
@@ -182,7 +178,7 @@ void Telvo::Impl::replaySpool() {
           forget(sequences);
           continue;
         }
-        post(delivery::BatchPayload::request(servicesUrl, batchApi, part.json), part.events,
+        post(delivery::BatchPayload::request(at.servicesUrl, at.batchApi, part.json), part.events,
              deliveries->begin(), std::move(sequences));
       }
       events.clear();
@@ -190,7 +186,7 @@ void Telvo::Impl::replaySpool() {
     for (const auto& record : records) {
       if (record.kind == kErrorRecord) {
         flushGroup();
-        post(delivery::ErrorPost::request(servicesUrl, record.body), 0, deliveries->begin(),
+        post(delivery::ErrorPost::request(at.servicesUrl, record.body), 0, deliveries->begin(),
              {record.sequence});
         ++replayedRecords;
         continue;

@@ -56,7 +56,7 @@ struct TELVO_LOCAL Telvo::Impl {
   void postErrorReport(const Json& code, const Details& details,
                        std::shared_ptr<core::Deliveries::Ticket> ticket);
   // Counts the report: true when it is accepted and fits its bound.
-  bool acceptsErrorReport(const Json& code);
+  bool acceptsErrorReport();
   // Logs the report (in debug) and hands it to the background queue.
   template <typename Details>
   void queueErrorReport(Json code, Details details);
@@ -134,6 +134,13 @@ struct TELVO_LOCAL Telvo::Impl {
     std::shared_ptr<const Json> session;
   };
   Snapshot snapshot() const;
+  // The services address and batch path as the posts' locations show them
+  // ("(null)" when unset, "<null>" when they hold a JSON null).
+  struct Locations {
+    std::string servicesUrl;
+    std::string batchApi;
+  };
+  static Locations locations(const TelvoMasterConfig* master);
   // round(now * 1000) - timeStampDelta, on the service's clock.
   double serviceMilliseconds() const;
   // The configuration's appName as events and error reports carry it: its

@@ -69,11 +69,10 @@ BatchPayload::Part BatchPayload::write(const Json& sessionId, const std::deque<Q
   return part;
 }
 
-URLRequest BatchPayload::request(const std::optional<std::string>& servicesUrl,
-                                 const std::optional<std::string>& batchApi,
+URLRequest BatchPayload::request(std::string_view servicesUrl, std::string_view batchApi,
                                  std::string_view payload) {
   return encoding::envelopeRequest(
-      encoding::textOrNull(servicesUrl) + encoding::textOrNull(batchApi) + ".json", payload);
+      std::string(servicesUrl).append(batchApi).append(".json"), payload);
 }
 
 }  // namespace delivery

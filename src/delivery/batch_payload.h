@@ -34,10 +34,10 @@ struct BatchPayload {
   static Part write(const Json& sessionId, const std::deque<QueuedEvent>& events,
                     std::size_t from, std::size_t maxBytes);
 
-  // The POST of `payload` to servicesUrl + batchApi + ".json" (an absent
-  // part reads "(null)").
-  static URLRequest request(const std::optional<std::string>& servicesUrl,
-                            const std::optional<std::string>& batchApi, std::string_view payload);
+  // The POST of `payload` to servicesUrl + batchApi + ".json", the settings
+  // as a location shows them (encoding::textOrNull).
+  static URLRequest request(std::string_view servicesUrl, std::string_view batchApi,
+                            std::string_view payload);
 };
 
 }  // namespace delivery

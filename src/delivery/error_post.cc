@@ -42,9 +42,8 @@ std::string ErrorPost::write(const Json& sessionId, const Json& applicationName,
   return "{\"sessionId\":" + encoding::dumpJson(sessionId) + ",\"data\":" + data + "}";
 }
 
-URLRequest ErrorPost::request(const std::optional<std::string>& servicesUrl,
-                              std::string_view payload) {
-  return encoding::envelopeRequest(encoding::textOrNull(servicesUrl) + "/api/postEvent/error",
+URLRequest ErrorPost::request(std::string_view servicesUrl, std::string_view payload) {
+  return encoding::envelopeRequest(std::string(servicesUrl).append("/api/postEvent/error"),
                                    payload);
 }
 

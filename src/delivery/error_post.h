@@ -35,10 +35,9 @@ struct ErrorPost {
   static std::string write(const Json& sessionId, const Json& applicationName,
                            std::int64_t timestamp, const Json& code, const WrittenDetails& details);
 
-  // The POST of `payload` to servicesUrl + "/api/postEvent/error" (an absent
-  // servicesUrl reads "(null)").
-  static URLRequest request(const std::optional<std::string>& servicesUrl,
-                            std::string_view payload);
+  // The POST of `payload` to servicesUrl + "/api/postEvent/error", the
+  // setting as a location shows it (encoding::textOrNull).
+  static URLRequest request(std::string_view servicesUrl, std::string_view payload);
 };
 
 }  // namespace delivery

@@ -140,6 +140,7 @@ std::string textOrNull(const std::optional<std::string>& value) {
 
 std::string describeJson(const Json* value) {
   if (!value) return "(null)";
+  if (value->is_null()) return "<null>";
   if (value->is_string()) return value->get<std::string>();
   return dumpJson(*value);
 }

@@ -39,7 +39,8 @@ std::string textOrNull(const std::optional<std::string>& value);
 std::string textOrNull(const std::optional<std::string>& value, bool holdsNull);
 
 // A value as a log line or description shows it: text as it stands (no
-// quotes, no escapes), anything else as compact JSON, "(null)" when absent.
+// quotes, no escapes), a JSON null as "<null>", anything else as compact
+// JSON, "(null)" when absent.
 std::string describeJson(const Json* value);
 
 // Compact JSON of `value`, or "(null)" when absent.

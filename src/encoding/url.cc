@@ -24,6 +24,36 @@ std::string part(CURLU* handle, CURLUPart which, unsigned flags, const char* fal
   return text;
 }
 
+bool isHex(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// Whether `text` holds only what a URL may: no space, control character,
+// byte beyond ASCII, one of " < > \ ^ ` { | }, a % that starts no escape, or
+// a second #. libcurl's parser lets several of them through; a URL type
+// refuses the string.
+bool holdsOnlyUrlCharacters(const std::string& text) {
+  bool fragment = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c <= 0x20 || c >= 0x7F) return false;
+    switch (c) {
+      case '"': case '<': case '>': case '\\': case '^': case '`': case '{': case '|': case '}':
+        return false;
+      case '%':
+        if (i + 2 >= text.size() || !isHex(text[i + 1]) || !isHex(text[i + 2])) return false;
+        break;
+      case '#':
+        if (fragment) return false;
+        fragment = true;
+        break;
+      default:
+        break;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 namespace url_detail {
@@ -42,8 +72,9 @@ std::string upgradeInsecurePrefix(std::string text) {
 }  // namespace url_detail
 
 std::optional<URL> URL::fromString(const std::string& text) {
-  // curl reads a C string; an embedded NUL would silently cut the URL short.
-  if (text.find('\0') != std::string::npos) return std::nullopt;
+  // (An embedded NUL, which would silently cut curl's C string short, is
+  // refused with the other control characters.)
+  if (!holdsOnlyUrlCharacters(text)) return std::nullopt;
   CurlUrl handle(curl_url());
   if (!handle) return std::nullopt;
   // Any syntactically valid scheme is accepted, as a URL type would; whether

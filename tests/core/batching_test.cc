@@ -130,5 +130,33 @@ TEST(Flush, JoinsTheAddressAsItStands) {
   EXPECT_TRUE(body["events"][0]["eventData"]["timestamp"].is_number_integer());
 }
 
+TEST(Flush, ALocationOfANullSettingOrOfCharactersNoURLHoldsGivesNoAddress) {
+  // A JSON null shows as <null> in the location, which no URL holds; so do
+  // quotes and angle brackets, though libcurl's parser lets them through.
+  for (const Json& batchApi : {Json(nullptr), Json("/api/\"b\""), Json("/api/<b>")}) {
+    SCOPED_TRACE(batchApi.dump());
+    VirtualPlatform platform;
+    auto client = initializedClient(
+        platform,
+        configDocument({{"servicesUrl", "http://svc.example.test/v1"}, {"batchApi", batchApi}}));
+    client->sendEvent("error", Json{{"k", "v"}});
+    platform.settle();
+    auto sent = platform.transport->withContext(3);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_FALSE(sent[0].request.url) << sent[0].request.url->absoluteString();
+  }
+}
+
+TEST(Flush, AnEventOfANullSessionDescribesItAsNull) {
+  VirtualPlatform platform;
+  auto client = initializedClient(platform, configDocument(),
+                                  {{"sessionId", nullptr}, {"timestamp", 1700000000000.0}});
+  client->sendEvent("play", Json{{"k", "v"}});
+  const auto batch = client->batch();
+  ASSERT_EQ(batch.size(), 1u);
+  EXPECT_NE(batch[0].description().find("session: <null>,"), std::string::npos)
+      << batch[0].description();
+}
+
 }  // namespace
 }  // namespace telvo

@@ -70,15 +70,19 @@ TEST(ErrorReport, ThrottledStillSendsUninitialisedIsSilent) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(ErrorReport, RejectsNullCodesAndDetailsThatAreNotObjects) {
+TEST(ErrorReport, SendsANullCodeAsItIsAndRejectsDetailsThatAreNotObjects) {
   VirtualPlatform platform;
   auto client = initializedClient(platform);
   EXPECT_THROW(client->sendError(1, Json("text")), UsageError);
   CapturedLog log;
-  client->sendError(nullptr);
+  client->sendError(nullptr, Json{{"K", "V"}});
   platform.settle();
-  EXPECT_TRUE(platform.transport->withContext(3).empty());
-  EXPECT_EQ(log.lines().size(), 1u);
+  ASSERT_EQ(platform.transport->withContext(3).size(), 1u);
+  const Json data = lastErrorBody(platform)["data"];
+  ASSERT_TRUE(data.contains("errorCode"));
+  EXPECT_TRUE(data["errorCode"].is_null());
+  EXPECT_EQ(data["K"], "V");
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(ErrorReport, FieldDetailsSendTheJsonPathsPayload) {

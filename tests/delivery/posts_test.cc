@@ -89,7 +89,7 @@ TEST(BatchPost, GoesToServicesUrlAndBatchApiInTheEnvelope) {
   EXPECT_EQ(request.valueForHTTPHeaderField("Content-Encoding"), kEnvelopeContentEncoding);
   EXPECT_EQ(decoded(request), (Json{{"x", 1}}));
   // An absent part reads "(null)", which makes no URL here.
-  EXPECT_FALSE(BatchPayload::request(std::nullopt, "/api/batch", "{}").url);
+  EXPECT_FALSE(BatchPayload::request("(null)", "/api/batch", "{}").url);
 }
 
 TEST(ErrorPost, DetailsWinAndOddValuesStayValidJson) {

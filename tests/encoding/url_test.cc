@@ -40,6 +40,19 @@ TEST(URLConversion, NothingWhereCurlRefusesTheText) {
   EXPECT_EQ(converted(std::string("https://a.example/\0x", 19)), "<nothing>");
 }
 
+TEST(URLConversion, NothingForCharactersNoURLHoldsThoughCurlTakesThem) {
+  for (const char* text : {"https://a.example/\"q\"", "https://a.example/<b>",
+                           "https://a.example/{x}", "https://a.example/a|b", "https://a.example/a\\b",
+                           "https://a.example/%zz", "https://a.example/%4", "https://a.example/a#b#c",
+                           "https://a.example/\xc3\xa9", "https://a.example/\tx"}) {
+    EXPECT_EQ(converted(text), "<nothing>") << text;
+  }
+  // What a URL may hold still parses.
+  EXPECT_EQ(converted("https://a.example/p%41?q=a(b)!*'~;:@&=+$,/?#frag"),
+            "https://a.example/p%41?q=a(b)!*'~;:@&=+$,/?#frag");
+  EXPECT_EQ(converted("https://[::1]:8443/x"), "https://[::1]:8443/x");
+}
+
 TEST(URLValue, PartsAndDefaults) {
   const auto url = URL::fromString("https://user@Example.COM:8443/a/b?x=1&y=2#frag");
   ASSERT_TRUE(url);
