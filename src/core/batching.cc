@@ -10,7 +10,6 @@
 #include "delivery/batch_payload.h"
 #include "delivery/flush_order.h"
 #include "delivery/flush_rules.h"
-#include "encoding/json_text.h"
 #include "telvo/log.h"
 
 namespace telvo {
@@ -110,10 +109,11 @@ void Telvo::Impl::flushNow() {
     }
     if (part.oversized > 0) {
       counters.eventsDroppedTooLarge.add(part.oversized);
-      tooLarge.drop("Telvo: dropped " + std::to_string(part.oversized) +
-                    " event(s) larger than one post may be (" +
-                    std::to_string(options.maxPostBytes) +
-                    " bytes); such events are dropped and counted until one fits");
+      tooLarge.drop([&] {
+        return "Telvo: dropped " + std::to_string(part.oversized) +
+               " event(s) larger than one post may be (" + std::to_string(options.maxPostBytes) +
+               " bytes); such events are dropped and counted until one fits";
+      });
     }
     if (part.events == 0) {
       forget(spooled);
@@ -139,10 +139,10 @@ void Telvo::Impl::post(URLRequest request, std::size_t events,
     } else {
       counters.errorsDropped.add();
     }
-    backlogFull.drop("Telvo: the transport's backlog is full (" +
-                     std::to_string(options.maxBacklogBytes) +
-                     " bytes of requests under way): new posts are dropped and counted until "
-                     "it drains");
+    backlogFull.drop([&] {
+      return "Telvo: the transport's backlog is full (" + std::to_string(options.maxBacklogBytes) +
+             " bytes of requests under way): new posts are dropped and counted until it drains";
+    });
     return;  // the ticket goes back with it
   }
   backlogFull.fits();
@@ -243,16 +243,6 @@ bool Telvo::Impl::flush(std::chrono::milliseconds timeout) {
   // flush makes this one fail.
   const std::uint64_t lost = counters.lost();
   return lostAtLastFlush.exchange(lost) == lost;
-}
-
-}  // namespace telvo
-
-namespace telvo {
-
-Telvo::Impl::Locations Telvo::Impl::locations(const TelvoMasterConfig* master) {
-  if (!master) return {encoding::textOrNull(std::nullopt), encoding::textOrNull(std::nullopt)};
-  return {encoding::textOrNull(master->servicesUrl(), master->holdsNull("servicesUrl")),
-          encoding::textOrNull(master->batchApi(), master->holdsNull("batchApi"))};
 }
 
 }  // namespace telvo

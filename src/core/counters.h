@@ -78,12 +78,13 @@ struct Counters {
   }
 };
 
-// One bound's run of drops: the first drop logs `what`, later ones are only
-// counted, until something fits again.
+// One bound's run of drops: the first drop logs the line `what()` makes,
+// later ones are only counted (and make no line), until something fits again.
 class DropEpisode {
  public:
-  void drop(const std::string& what) {
-    if (!active_.exchange(true, std::memory_order_relaxed)) log(what);
+  template <typename Line>
+  void drop(Line what) {
+    if (!active_.exchange(true, std::memory_order_relaxed)) log(what());
   }
   void fits() {
     if (active_.load(std::memory_order_relaxed)) active_.store(false, std::memory_order_relaxed);

@@ -18,9 +18,10 @@ bool Telvo::Impl::acceptsErrorReport() {
   if (pendingReports.load(std::memory_order_relaxed) >=
       static_cast<std::int64_t>(std::min<std::uint64_t>(options.maxPendingErrorReports, INT64_MAX))) {
     counters.errorsDropped.add();
-    reportsFull.drop("Telvo: " + std::to_string(options.maxPendingErrorReports) +
-                     " error reports wait to be sent: new ones are dropped and counted until "
-                     "they go");
+    reportsFull.drop([&] {
+      return "Telvo: " + std::to_string(options.maxPendingErrorReports) +
+             " error reports wait to be sent: new ones are dropped and counted until they go";
+    });
     return false;
   }
   reportsFull.fits();

@@ -12,6 +12,7 @@
 #include "config/hello.h"
 #include "core/shutdown.h"
 #include "core/telvo_impl.h"
+#include "encoding/json_text.h"
 #include "telvo/clock.h"
 #include "telvo/envelope.h"
 #include "telvo/log.h"
@@ -291,6 +292,12 @@ std::optional<Json> Telvo::Impl::applicationName(const TelvoConfig* config) {
   if (config->appName()) return Json(*config->appName());
   if (config->holdsNull("appName")) return Json(nullptr);
   return std::nullopt;
+}
+
+Telvo::Impl::Locations Telvo::Impl::locations(const TelvoMasterConfig* master) {
+  if (!master) return {encoding::textOrNull(std::nullopt), encoding::textOrNull(std::nullopt)};
+  return {encoding::textOrNull(master->servicesUrl(), master->holdsNull("servicesUrl")),
+          encoding::textOrNull(master->batchApi(), master->holdsNull("batchApi"))};
 }
 
 std::int64_t Telvo::Impl::wholeMilliseconds(double milliseconds) {

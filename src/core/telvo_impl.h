@@ -279,6 +279,10 @@ struct TELVO_LOCAL Telvo::Impl {
   bool acceptsEvent(bool& early);
   // Appends an accepted event (for fields, with its name and members) to the
   // pending ones, unless a bound refuses it.
+  // Counts an event a bound dropped (too large for a post, or the queue
+  // full) and starts the bound's episode; kept out of the call's own code.
+  [[gnu::cold, gnu::noinline]] void dropEvent(bool tooBig, std::string_view name,
+                                               std::size_t bytes);
   void enqueue(PendingEvent event, std::string_view name, std::string_view members);
   // Posts a drain of the pending events (the caller found none posted);
   // `name` is the event that asked, for the log.
