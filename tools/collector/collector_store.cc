@@ -845,15 +845,16 @@ std::optional<std::int64_t> CollectorStore::searchSliced(const PageQuery& query,
   // id of each before its text is checked. Once the slice is spent (and one
   // event at least was checked whole), the statement stops, and the search
   // goes on next time from the last event seen, which may not have been
-  // checked, unless it was given.
+  // checked, unless it was given. The slice starts with the first event seen.
   searched_ = Searched{};
   searched_.above = query.afterId.value_or(INT64_MIN);
   searched_.below = query.beforeId.value_or(INT64_MAX);
-  if (slice_.count() > 0) sliceEnd_ = std::chrono::steady_clock::now() + slice_;
+  sliceWaiting_ = slice_.count() > 0;
   int step;
   while ((step = sqlite3_step(s)) == SQLITE_ROW) rows.push_back(eventListed(s, preview));
   const bool stopped = step != SQLITE_DONE && sliceOver_ && !timedOut_;
   sliceEnd_.reset();
+  sliceWaiting_ = false;
   if (!stopped || searched_.count == 0) return std::nullopt;
   std::int64_t next = searched_.lowest < INT64_MAX ? searched_.lowest + 1 : searched_.lowest;
   if (!rows.empty()) next = std::min(next, rows.back().id);
@@ -870,6 +871,10 @@ void CollectorStore::onSearched(sqlite3_context* context, int count, sqlite3_val
         id < store->searched_.lowest) {
       store->searched_.lowest = id;
       ++store->searched_.count;
+      if (store->sliceWaiting_) {
+        store->sliceWaiting_ = false;
+        store->sliceEnd_ = std::chrono::steady_clock::now() + store->slice_;
+      }
     }
   }
   sqlite3_result_int(context, 1);

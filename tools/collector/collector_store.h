@@ -320,6 +320,10 @@ class CollectorStore {
   std::chrono::milliseconds slice_{0};
   std::optional<std::chrono::steady_clock::time_point> sliceEnd_;
   bool sliceOver_ = false;
+  // A search's slice starts with the first event it sees, so that a fixed
+  // cost before it (the index, a slow machine) does not leave each answer
+  // moving on by one event.
+  bool sliceWaiting_ = false;
   // The events the running search has seen between its bounds (`above`,
   // `below`; each id may be seen more than once): how many, and the lowest.
   struct Searched {
