@@ -2,11 +2,14 @@
 // caller's thread; the record on whichever thread drains the pending events
 // (the main queue, or a thread that needs the queue whole).
 #include <charconv>
+#include <cmath>
 
 #include "core/telvo_impl.h"
 #include "delivery/flush_rules.h"
 #include "encoding/field_text.h"
 #include "encoding/json_text.h"
+#include "platform/wall_clock.h"
+#include "telvo/clock.h"
 #include "telvo/log.h"
 
 namespace telvo {
@@ -39,9 +42,9 @@ std::string byteCount(std::size_t bytes) { return std::to_string(bytes) + " byte
 // The lines of a drop episode's start, made only then and kept out of the
 // call's own code.
 [[gnu::cold, gnu::noinline]] std::string tooLargeLine(std::string_view name, std::size_t bytes,
-                                                       std::size_t limit) {
-  return "Telvo: dropped event \"" + std::string(name.substr(0, 64)) + "\" of " +
-         byteCount(bytes) + ": larger than one post may be (" + byteCount(limit) +
+                                                      std::size_t limit) {
+  return "Telvo: dropped event \"" + std::string(name.substr(0, 64)) + "\" of " + byteCount(bytes) +
+         ": larger than one post may be (" + byteCount(limit) +
          "); such events are dropped and counted until one fits";
 }
 
@@ -51,6 +54,13 @@ std::string byteCount(std::size_t bytes) { return std::to_string(bytes) + " byte
 }
 
 }  // namespace
+
+double Telvo::Impl::serviceMilliseconds() const {
+  // std::round rounds half-way cases away from zero. The system's clock is
+  // read through the tick counter: a stamp per call costs a few nanoseconds.
+  const double now = systemClock ? ::telvo::platform::WallClock::now() : platform.clock->now();
+  return std::round(now * 1000.0) - timeStampDelta.load(std::memory_order_relaxed);
+}
 
 bool Telvo::Impl::acceptsEvent(bool& early) {
   if (!initialized.load(std::memory_order_acquire)) {
@@ -291,13 +301,13 @@ void Telvo::Impl::captureEvent(PendingEvent& event, std::string_view pendingText
   }
   std::optional<delivery::QueuedEvent> record;
   if (!dropped) {
-    record = delivery::QueuedEvent::make(name, text, /*dataIsCompactJson=*/true, stamp,
-                                         current.session);
+    record =
+        delivery::QueuedEvent::make(name, text, /*dataIsCompactJson=*/true, stamp, current.session);
     if (!record) dropped = "its name is 4 GiB or longer";
   }
   if (record) {
     queuedBytes.fetch_add(static_cast<std::int64_t>(record->bytes()) -
-                        static_cast<std::int64_t>(event.bytes));
+                          static_cast<std::int64_t>(event.bytes));
     record->setSpoolSequence(event.spoolSequence);
     queue.push(std::move(*record));
   } else {

@@ -7,12 +7,14 @@
 #include <cstdio>
 #include <limits>
 #include <random>
+#include <typeinfo>
 #include <utility>
 
 #include "config/hello.h"
 #include "core/shutdown.h"
 #include "core/telvo_impl.h"
 #include "encoding/json_text.h"
+#include "platform/wall_clock.h"
 #include "telvo/clock.h"
 #include "telvo/envelope.h"
 #include "telvo/log.h"
@@ -25,6 +27,7 @@ Telvo::Impl::Impl(Telvo& owner, const Platform& platform, const ClientOptions& o
                   std::string environment)
     : owner(owner),
       platform(platform.withDefaults()),
+      systemClock(typeid(*this->platform.clock) == typeid(SystemClock)),
       options(options),
       backoff(options.retryInitialSeconds, options.retryMaxSeconds,
               options.retrySeed != 0 ? options.retrySeed : std::random_device{}()),
@@ -33,12 +36,14 @@ Telvo::Impl::Impl(Telvo& owner, const Platform& platform, const ClientOptions& o
       environment(std::move(environment)),
       property(std::move(property)) {
   setCaptureConfig(std::move(config));
+  // Starts measuring the tick rate, so that the first events find it known.
+  if (systemClock) ::telvo::platform::WallClock::now();
 }
 
 Telvo::Telvo(std::shared_ptr<TelvoConfig> config, std::string property, std::string environment,
              const Platform& platform, const ClientOptions& options)
-    : _impl(std::make_unique<Impl>(*this, platform, options, std::move(config),
-                                   std::move(property), std::move(environment))) {}
+    : _impl(std::make_unique<Impl>(*this, platform, options, std::move(config), std::move(property),
+                                   std::move(environment))) {}
 
 std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::string property,
                                      std::string environment) {
@@ -258,12 +263,10 @@ void Telvo::setDelegate(std::weak_ptr<TelvoDelegate> delegate) {
   replaceLocked(_impl->mutex, _impl->delegate, std::move(delegate));
 }
 
-#define TELVO_HOST_SLOT(Getter, Setter)                                \
-  std::shared_ptr<void> Telvo::Getter() const {                        \
-    return locked(_impl->mutex, _impl->Getter);                        \
-  }                                                                    \
-  void Telvo::Setter(std::shared_ptr<void> value) {                    \
-    replaceLocked(_impl->mutex, _impl->Getter, std::move(value));      \
+#define TELVO_HOST_SLOT(Getter, Setter)                                                       \
+  std::shared_ptr<void> Telvo::Getter() const { return locked(_impl->mutex, _impl->Getter); } \
+  void Telvo::Setter(std::shared_ptr<void> value) {                                           \
+    replaceLocked(_impl->mutex, _impl->Getter, std::move(value));                             \
   }
 
 TELVO_HOST_SLOT(managedObjectContext, setManagedObjectContext)
@@ -279,12 +282,6 @@ TELVO_HOST_SLOT(NSPSCLock, setNSPSCLock)
 Telvo::Impl::Snapshot Telvo::Impl::snapshot() const {
   std::lock_guard<std::mutex> lock(mutex);
   return Snapshot{config, masterConfig, sessionID};
-}
-
-double Telvo::Impl::serviceMilliseconds() const {
-  // std::round rounds half-way cases away from zero.
-  return std::round(platform.clock->now() * 1000.0) -
-         timeStampDelta.load(std::memory_order_relaxed);
 }
 
 std::optional<Json> Telvo::Impl::applicationName(const TelvoConfig* config) {

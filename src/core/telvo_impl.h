@@ -160,6 +160,9 @@ struct TELVO_LOCAL Telvo::Impl {
   Telvo& owner;
   // What the client runs on, and its bounds, fixed at creation.
   const Platform platform;
+  // The platform's clock is the system's own: the stamps read it through
+  // the tick counter.
+  const bool systemClock;
   const ClientOptions options;
 
   core::Counters counters;
