@@ -130,8 +130,147 @@ Json parseJson(std::string_view text, std::string* error) {
   return Json(Json::value_t::discarded);
 }
 
+namespace {
+
+// The body of a string literal for valid UTF-8: quotes, backslashes and
+// control characters escaped as Json::dump escapes them (short forms where
+// JSON has them, a six-character escape in lowercase hex otherwise), every other byte as it is.
+void appendEscaped(std::string& out, std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::size_t kept = 0;  // start of the bytes not written yet
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (byte >= 0x20 && byte != '"' && byte != '\\') continue;
+    out.append(text.data() + kept, i - kept);
+    kept = i + 1;
+    switch (byte) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      default: {
+        const char escape[] = {'\\', 'u', '0', '0', kHex[byte >> 4], kHex[byte & 15]};
+        out.append(escape, sizeof escape);
+      }
+    }
+  }
+  out.append(text.data() + kept, text.size() - kept);
+}
+
+// A string literal whatever the bytes: ill-formed UTF-8 becomes U+FFFD, one
+// for each maximal ill-formed part, as Json::dump's replacing handler does.
+void appendAnyString(std::string& out, std::string_view text) {
+  out += '"';
+  if (utf8::isValid(text)) {
+    appendEscaped(out, text);
+  } else {
+    appendEscaped(out, utf8::sanitized(text));
+  }
+  out += '"';
+}
+
+// Json::dump(-1) with the replacing handler, byte for byte, written here so
+// that the library carries one JSON writer and not the serializer as well.
+void appendDumped(std::string& out, const Json& value) {
+  char digits[64];
+  switch (value.type()) {
+    case Json::value_t::object: {
+      out += '{';
+      bool first = true;
+      for (const auto& [key, member] : value.items()) {
+        if (!first) out += ',';
+        first = false;
+        appendAnyString(out, key);
+        out += ':';
+        appendDumped(out, member);
+      }
+      out += '}';
+      return;
+    }
+    case Json::value_t::array: {
+      out += '[';
+      bool first = true;
+      for (const auto& element : value) {
+        if (!first) out += ',';
+        first = false;
+        appendDumped(out, element);
+      }
+      out += ']';
+      return;
+    }
+    case Json::value_t::string:
+      appendAnyString(out, value.get_ref<const std::string&>());
+      return;
+    case Json::value_t::binary: {
+      const auto& binary = value.get_binary();
+      out += "{\"bytes\":[";
+      for (std::size_t i = 0; i < binary.size(); ++i) {
+        if (i > 0) out += ',';
+        out.append(digits, std::to_chars(digits, digits + sizeof digits, binary[i]).ptr);
+      }
+      out += "],\"subtype\":";
+      if (binary.has_subtype()) {
+        out.append(digits, std::to_chars(digits, digits + sizeof digits, binary.subtype()).ptr);
+        out += '}';
+      } else {
+        out += "null}";
+      }
+      return;
+    }
+    case Json::value_t::boolean:
+      out += value.get<bool>() ? "true" : "false";
+      return;
+    case Json::value_t::number_integer:
+      out.append(digits,
+                 std::to_chars(digits, digits + sizeof digits, value.get<std::int64_t>()).ptr);
+      return;
+    case Json::value_t::number_unsigned:
+      out.append(digits,
+                 std::to_chars(digits, digits + sizeof digits, value.get<std::uint64_t>()).ptr);
+      return;
+    case Json::value_t::number_float: {
+      const double number = value.get<double>();
+      if (!std::isfinite(number)) {
+        out += "null";
+        return;
+      }
+      // The JSON library's own digits and layout ("1.0", "1e+20").
+      out.append(digits, nlohmann::detail::to_chars(digits, digits + sizeof digits, number));
+      return;
+    }
+    case Json::value_t::discarded:
+      out += "<discarded>";
+      return;
+    case Json::value_t::null:
+    default:
+      out += "null";
+      return;
+  }
+}
+
+}  // namespace
+
 std::string dumpJson(const Json& value) {
-  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  std::string out;
+  appendDumped(out, value);
+  return out;
 }
 
 std::string textOrNull(const std::optional<std::string>& value) {
@@ -208,7 +347,7 @@ void appendJsonString(std::string& out, std::string_view text) {
   // Text without escapes in valid UTF-8 is by far the common case; anything
   // else goes through the JSON writer, which escapes and repairs UTF-8.
   if (!writesAsIs(text)) {
-    out += dumpJson(Json(std::string(text)));
+    appendAnyString(out, text);
     return;
   }
   out += '"';

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <limits>
 #include <random>
 
@@ -75,9 +76,53 @@ TEST(JsonText, StringsAreWrittenAsTheJsonWriterWritesThem) {
   for (int i = 0; i < 2000; ++i) {
     std::string text;
     for (int n = random() % 8; n > 0; --n) text += kPieces[random() % std::size(kPieces)];
+    const std::string expected = Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
     std::string out;
     appendJsonString(out, text);
-    ASSERT_EQ(out, dumpJson(Json(text))) << "case " << i;
+    ASSERT_EQ(out, expected) << "case " << i;
+    ASSERT_EQ(dumpJson(Json(text)), expected) << "case " << i;
+  }
+}
+
+TEST(JsonText, DumpWritesEveryKindOfValueAsTheJsonLibraryDoes) {
+  // Doubles where the layouts differ (whole, tiny, huge, negative zero,
+  // not finite), the integer extremes, binary values with and without a
+  // subtype, keys that need escapes or repair, nesting.
+  const double kDoubles[] = {1.0,
+                             -0.0,
+                             0.1,
+                             1e-5,
+                             1e-7,
+                             123456789012345678.0,
+                             1e15,
+                             1e16,
+                             1e21,
+                             5e-324,
+                             1.7976931348623157e308,
+                             2.5,
+                             -3.75e-10,
+                             std::numeric_limits<double>::quiet_NaN(),
+                             std::numeric_limits<double>::infinity()};
+  Json values = Json::array();
+  for (double d : kDoubles) values.push_back(d);
+  values.push_back(std::numeric_limits<std::int64_t>::min());
+  values.push_back(std::numeric_limits<std::uint64_t>::max());
+  values.push_back(Json::binary({1, 2, 255}));
+  values.push_back(Json::binary({}, 7));
+  values.push_back(
+      Json::object({{"k\x01\xff", {{"\"", nullptr}, {"b", true}}}, {"", Json::array()}}));
+  for (const Json& value : values) {
+    EXPECT_EQ(dumpJson(value), value.dump(-1, ' ', false, Json::error_handler_t::replace));
+  }
+  EXPECT_EQ(dumpJson(values), values.dump(-1, ' ', false, Json::error_handler_t::replace));
+
+  std::mt19937_64 random(7);
+  for (int i = 0; i < 100000; ++i) {
+    const std::uint64_t bits = random();
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    const Json value(d);
+    ASSERT_EQ(dumpJson(value), value.dump(-1, ' ', false, Json::error_handler_t::replace)) << d;
   }
 }
 
