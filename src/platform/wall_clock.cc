@@ -16,17 +16,17 @@ namespace telvo::platform {
 namespace {
 
 #if defined(__x86_64__)
-constexpr const char* kTickSource = "tsc";
+constexpr const char kTickSource[] = "tsc";
 inline std::uint64_t ticks() { return __rdtsc(); }
 #elif defined(__aarch64__)
-constexpr const char* kTickSource = "arch_sys_counter";
+constexpr const char kTickSource[] = "arch_sys_counter";
 inline std::uint64_t ticks() {
   std::uint64_t value;
   asm volatile("mrs %0, cntvct_el0" : "=r"(value));
   return value;
 }
 #else
-constexpr const char* kTickSource = nullptr;
+constexpr const char kTickSource[] = "";  // no counter read here
 inline std::uint64_t ticks() { return 0; }
 #endif
 
@@ -61,7 +61,7 @@ struct Anchor {
 thread_local Anchor anchor;
 
 bool kernelKeepsTimeWithTicks() {
-  if (kTickSource == nullptr) return false;
+  if (kTickSource[0] == '\0') return false;
   std::FILE* file =
       std::fopen("/sys/devices/system/clocksource/clocksource0/current_clocksource", "re");
   if (!file) return false;

@@ -845,10 +845,12 @@ std::optional<std::int64_t> CollectorStore::searchSliced(const PageQuery& query,
   // id of each before its text is checked. Once the slice is spent (and one
   // event at least was checked whole), the statement stops, and the search
   // goes on next time from the last event seen, which may not have been
-  // checked, unless it was given. The slice starts with the first event seen.
+  // checked, unless it was given. Half a slice at least is spent reading
+  // from the first event seen on.
   searched_ = Searched{};
   searched_.above = query.afterId.value_or(INT64_MIN);
   searched_.below = query.beforeId.value_or(INT64_MAX);
+  if (slice_.count() > 0) sliceEnd_ = std::chrono::steady_clock::now() + slice_;
   sliceWaiting_ = slice_.count() > 0;
   int step;
   while ((step = sqlite3_step(s)) == SQLITE_ROW) rows.push_back(eventListed(s, preview));
@@ -871,9 +873,10 @@ void CollectorStore::onSearched(sqlite3_context* context, int count, sqlite3_val
         id < store->searched_.lowest) {
       store->searched_.lowest = id;
       ++store->searched_.count;
-      if (store->sliceWaiting_) {
+      if (store->sliceWaiting_ && store->sliceEnd_) {
         store->sliceWaiting_ = false;
-        store->sliceEnd_ = std::chrono::steady_clock::now() + store->slice_;
+        store->sliceEnd_ =
+            std::max(*store->sliceEnd_, std::chrono::steady_clock::now() + store->slice_ / 2);
       }
     }
   }

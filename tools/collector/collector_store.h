@@ -320,9 +320,9 @@ class CollectorStore {
   std::chrono::milliseconds slice_{0};
   std::optional<std::chrono::steady_clock::time_point> sliceEnd_;
   bool sliceOver_ = false;
-  // A search's slice starts with the first event it sees, so that a fixed
-  // cost before it (the index, a slow machine) does not leave each answer
-  // moving on by one event.
+  // Until a search sees its first event: from then on it reads for half a
+  // slice at least, so that a fixed cost before it (the index, a slow
+  // machine) does not leave each answer moving on by one event.
   bool sliceWaiting_ = false;
   // The events the running search has seen between its bounds (`above`,
   // `below`; each id may be seen more than once): how many, and the lowest.
