@@ -122,9 +122,17 @@ double WallClock::now() {
       return a.seconds +
              static_cast<double>(since) * secondsPerTick.load(std::memory_order_relaxed);
     }
+    // The anchor pairs the real read with the ticks around it, and only if
+    // nothing came between them (a thread preempted there would put its
+    // stamps ahead by that long).
     const double seconds = realSeconds();
-    a.ticks = t;
-    a.seconds = seconds;
+    const std::uint64_t after = ticks();
+    if (after - t < window / 16) {
+      a.ticks = t + (after - t) / 2;
+      a.seconds = seconds;
+    } else {
+      a.seconds = 0.0;
+    }
     return seconds;
   }
   if (!settled.load(std::memory_order_relaxed)) measureRate();
