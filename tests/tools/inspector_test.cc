@@ -30,6 +30,15 @@ using testing::TempDir;
 using testing::waitForExit;
 
 constexpr const char* kChromium = "/usr/bin/chromium";
+
+// Sanitizers and emulators make the collector several times slower, and the
+// browser's time for the page the same.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+bool slowCollector() { return kSanitized || test::underEmulator(); }
 // Headless Chromium that reaches nothing but the collector on loopback.
 // clang-format off
 const std::vector<std::string> kChromiumFlags = {
@@ -413,11 +422,11 @@ TEST_F(InspectorTest, PageInChromiumGoesOnWithASearchWhereEachAnswerStopped) {
     GTEST_SKIP() << "chromium is not installed (scripts/deps.sh installs it)";
   }
   // Slices of 1 ms: the search below answers many times before it reaches
-  // the oldest events, the only ones it finds (of 40,002; under an emulator,
-  // 4,002 in slices of 5 ms).
+  // the oldest events, the only ones it finds (of 40,002; under a sanitizer
+  // or an emulator, 4,002 in slices of 5 ms).
   ASSERT_EQ(collector_.stop(), 0);
   ASSERT_TRUE(collector_.start(dir_.file("sliced"),
-                               {"--search-slice-ms", test::underEmulator() ? "5" : "1"}));
+                               {"--search-slice-ms", slowCollector() ? "5" : "1"}));
   client_ = std::make_unique<httplib::SSLClient>("127.0.0.1", collector_.port());
   client_->set_ca_cert_path(collector_.certificatePath().c_str());
   client_->enable_server_certificate_verification(true);
@@ -426,7 +435,7 @@ TEST_F(InspectorTest, PageInChromiumGoesOnWithASearchWhereEachAnswerStopped) {
   ASSERT_EQ(batch(session, {{"found", {{"n", "q7 first"}}}, {"found", {{"n", "q7 second"}}}}), 200);
   // (Fewer under an emulator, where the search is ten times slower and the
   // page's time in the browser the same.)
-  const int kPosts = test::underEmulator() ? 4 : 40;
+  const int kPosts = slowCollector() ? 4 : 40;
   for (int posts = 0; posts < kPosts; ++posts) {
     std::vector<std::pair<std::string, Json>> events(1000, {"other", {{"n", "nothing here"}}});
     ASSERT_EQ(batch(session, events), 200);
