@@ -42,9 +42,9 @@ std::string byteCount(std::size_t bytes) { return std::to_string(bytes) + " byte
 // The lines of a drop episode's start, made only then and kept out of the
 // call's own code.
 [[gnu::cold, gnu::noinline]] std::string tooLargeLine(std::string_view name, std::size_t bytes,
-                                                      std::size_t limit) {
-  return "Telvo: dropped event \"" + std::string(name.substr(0, 64)) + "\" of " + byteCount(bytes) +
-         ": larger than one post may be (" + byteCount(limit) +
+                                                       std::size_t limit) {
+  return "Telvo: dropped event \"" + std::string(name.substr(0, 64)) + "\" of " +
+         byteCount(bytes) + ": larger than one post may be (" + byteCount(limit) +
          "); such events are dropped and counted until one fits";
 }
 
@@ -301,13 +301,13 @@ void Telvo::Impl::captureEvent(PendingEvent& event, std::string_view pendingText
   }
   std::optional<delivery::QueuedEvent> record;
   if (!dropped) {
-    record =
-        delivery::QueuedEvent::make(name, text, /*dataIsCompactJson=*/true, stamp, current.session);
+    record = delivery::QueuedEvent::make(name, text, /*dataIsCompactJson=*/true, stamp,
+                                         current.session);
     if (!record) dropped = "its name is 4 GiB or longer";
   }
   if (record) {
     queuedBytes.fetch_add(static_cast<std::int64_t>(record->bytes()) -
-                          static_cast<std::int64_t>(event.bytes));
+                        static_cast<std::int64_t>(event.bytes));
     record->setSpoolSequence(event.spoolSequence);
     queue.push(std::move(*record));
   } else {

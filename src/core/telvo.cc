@@ -42,8 +42,8 @@ Telvo::Impl::Impl(Telvo& owner, const Platform& platform, const ClientOptions& o
 
 Telvo::Telvo(std::shared_ptr<TelvoConfig> config, std::string property, std::string environment,
              const Platform& platform, const ClientOptions& options)
-    : _impl(std::make_unique<Impl>(*this, platform, options, std::move(config), std::move(property),
-                                   std::move(environment))) {}
+    : _impl(std::make_unique<Impl>(*this, platform, options, std::move(config),
+                                   std::move(property), std::move(environment))) {}
 
 std::shared_ptr<Telvo> Telvo::create(std::shared_ptr<TelvoConfig> config, std::string property,
                                      std::string environment) {
@@ -263,10 +263,12 @@ void Telvo::setDelegate(std::weak_ptr<TelvoDelegate> delegate) {
   replaceLocked(_impl->mutex, _impl->delegate, std::move(delegate));
 }
 
-#define TELVO_HOST_SLOT(Getter, Setter)                                                       \
-  std::shared_ptr<void> Telvo::Getter() const { return locked(_impl->mutex, _impl->Getter); } \
-  void Telvo::Setter(std::shared_ptr<void> value) {                                           \
-    replaceLocked(_impl->mutex, _impl->Getter, std::move(value));                             \
+#define TELVO_HOST_SLOT(Getter, Setter)                                \
+  std::shared_ptr<void> Telvo::Getter() const {                        \
+    return locked(_impl->mutex, _impl->Getter);                        \
+  }                                                                    \
+  void Telvo::Setter(std::shared_ptr<void> value) {                    \
+    replaceLocked(_impl->mutex, _impl->Getter, std::move(value));      \
   }
 
 TELVO_HOST_SLOT(managedObjectContext, setManagedObjectContext)

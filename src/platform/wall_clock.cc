@@ -8,6 +8,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "telvo/clock.h"
+
 #if defined(__x86_64__)
 #include <x86intrin.h>
 #endif
@@ -35,11 +37,8 @@ constexpr std::int64_t kMeasureNanos = 10'000'000;
 constexpr double kSlowestTicksPerSecond = 1e6;
 constexpr double kFastestTicksPerSecond = 2e10;
 
-double realSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
+// The system clock's own read (called on the concrete type: no virtual call).
+double realSeconds() { return SystemClock().now(); }
 
 std::int64_t monotonicNanos() {
   timespec ts{};
