@@ -196,7 +196,10 @@ std::string checkJson(std::string_view text, const JsonLimits& limits, JsonSpan*
   enum class Next { kValue, kName, kAfterValue };
   Next next = Next::kValue;
   const std::size_t n = text.size();
-  std::size_t i = skipWhiteSpace(text, 0);
+  // A UTF-8 byte-order mark before the value is skipped, as parsers do.
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  const bool marked = text.substr(0, kByteOrderMark.size()) == kByteOrderMark;
+  std::size_t i = skipWhiteSpace(text, marked ? kByteOrderMark.size() : 0);
   const std::size_t begin = i;
   std::string error;
   for (;;) {

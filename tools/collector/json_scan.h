@@ -34,8 +34,8 @@ struct JsonSpan {
   std::size_t size() const { return end - begin; }
 };
 
-// Checks that `text` holds exactly one JSON value (white space around it is
-// allowed) within `limits`. Empty on success, with `*value` set to where the
+// Checks that `text` holds exactly one JSON value (white space around it, and
+// a UTF-8 byte-order mark before it, are allowed) within `limits`. Empty on success, with `*value` set to where the
 // value lies; otherwise one line saying what is wrong and at which byte.
 std::string checkJson(std::string_view text, const JsonLimits& limits, JsonSpan* value);
 
