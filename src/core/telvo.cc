@@ -22,12 +22,16 @@
 
 namespace telvo {
 
+namespace {
+bool isSystemClock(const Clock& clock) { return typeid(clock) == typeid(SystemClock); }
+}  // namespace
+
 Telvo::Impl::Impl(Telvo& owner, const Platform& platform, const ClientOptions& options,
                   std::shared_ptr<TelvoConfig> config, std::string property,
                   std::string environment)
     : owner(owner),
       platform(platform.withDefaults()),
-      systemClock(typeid(*this->platform.clock) == typeid(SystemClock)),
+      systemClock(isSystemClock(*this->platform.clock)),
       options(options),
       backoff(options.retryInitialSeconds, options.retryMaxSeconds,
               options.retrySeed != 0 ? options.retrySeed : std::random_device{}()),
