@@ -84,6 +84,9 @@ TEST(NotificationCenter, ConcurrentPostsAndRegistrationChanges) {
     });
   }
   threads.emplace_back([&] {
+    // Posts are under way before the registrations change (on a busy
+    // machine the loop below could otherwise end before any post began).
+    while (calls == 0) std::this_thread::yield();
     for (int i = 0; i < 2000; ++i) {
       int transient = 0;
       center->addObserver(&transient, "n", [&](const Notification&) { ++calls; });
