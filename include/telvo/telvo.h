@@ -149,7 +149,10 @@ class TELVO_API Telvo : public TelvoTransportDelegate, public std::enable_shared
   // thread, after the acceptance test (a refused event costs nothing more).
   // The payload is the one the Json path sends for Json{...} of the same
   // fields: where keys repeat the first wins, a "timestamp" field gives way
-  // to the client's, and an empty list is no data. A number JSON cannot
+  // to the client's, and an empty list is no data. Keys compare as written,
+  // ill-formed UTF-8 replaced by U+FFFD: of keys that differ only in such
+  // bytes, the one whose bytes sort first wins, as in a Json object, so that
+  // no payload repeats a member name. A number JSON cannot
   // represent drops the event with a log line. Throws UsageError when a
   // RawJson value is not JSON (checked only for an accepted event).
   void sendEvent(std::string_view name, std::initializer_list<Field> data);

@@ -147,7 +147,8 @@ typedef struct telvo_field {
 /* Queues one event whose data is `count` fields, written straight into the
  * queued text without building a JSON tree: the cheap path. `count` 0 (and
  * `fields` null) is no data. The rules are those of telvo_send_event (the
- * first of repeated keys counts; the client's "timestamp" wins). A field
+ * first of repeated keys counts, keys compared as written, with ill-formed
+ * UTF-8 replaced; the client's "timestamp" wins). A field
  * with a null key, an unknown type, a number that is not finite or JSON text
  * that does not parse gives an error status and queues nothing. */
 TELVO_API int telvo_send_event_fields(telvo_client* client, const char* name,

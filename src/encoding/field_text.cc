@@ -4,9 +4,12 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "encoding/json_text.h"
+#include "encoding/utf8.h"
 
 namespace telvo {
 namespace encoding {
@@ -17,14 +20,25 @@ namespace {
 // before it; longer ones sort, so that a hostile list costs n log n.
 constexpr std::size_t kQuadraticLimit = 16;
 
-// For each field, whether an earlier field has the same key.
-std::vector<bool> repeatedKeys(const Field* fields, std::size_t count) {
+// For each field, whether another field's key writes the same name and wins
+// over it. Keys compare as written, ill-formed UTF-8 repaired (when
+// `repairs`, some key has such bytes). Of keys that are the same bytes the
+// first given wins; of keys that differ only in ill-formed bytes, the one
+// whose bytes sort first, as a Json object built from the same list holds
+// them first, so that both forms of an event write the same members.
+std::vector<bool> repeatedKeys(const Field* fields, std::size_t count, bool repairs) {
   std::vector<std::size_t> order(count);
   for (std::size_t i = 0; i < count; ++i) order[i] = i;
   std::stable_sort(order.begin(), order.end(), [fields](std::size_t a, std::size_t b) {
     return fields[a].key() < fields[b].key();
   });
   std::vector<bool> repeated(count, false);
+  if (repairs) {
+    std::set<std::string> written;
+    for (std::size_t i : order)
+      repeated[i] = !written.insert(utf8::sanitized(fields[i].key())).second;
+    return repeated;
+  }
   for (std::size_t i = 1; i < count; ++i) {
     if (fields[order[i]].key() == fields[order[i - 1]].key()) repeated[order[i]] = true;
   }
@@ -180,11 +194,12 @@ bool appendValue(std::string& out, const Field& field, NonFinite nonFinite) {
 bool appendFields(std::string& out, const Field* fields, std::size_t count, NonFinite nonFinite,
                   std::optional<std::string_view> skip) {
   std::vector<bool> repeated;
-  if (count > kQuadraticLimit) repeated = repeatedKeys(fields, count);
+  bool listed = count > kQuadraticLimit;
+  if (listed) repeated = repeatedKeys(fields, count, false);
   auto dropped = [&](std::size_t i) {
     const Field& field = fields[i];
     if (skip && field.key() == *skip) return true;
-    if (count > kQuadraticLimit) return static_cast<bool>(repeated[i]);
+    if (listed) return static_cast<bool>(repeated[i]);
     for (std::size_t j = 0; j < i; ++j) {
       if (fields[j].key() == field.key()) return true;
     }
@@ -209,6 +224,12 @@ bool appendFields(std::string& out, const Field* fields, std::size_t count, NonF
     return true;
   }
 
+  // Every key of the common case above is well-formed UTF-8; here a key with
+  // ill-formed bytes may write the same name as another key.
+  if (std::any_of(fields, fields + count, [](const Field& f) { return !utf8::isValid(f.key()); })) {
+    repeated = repeatedKeys(fields, count, true);
+    listed = true;
+  }
   for (std::size_t i = 0; i < count; ++i) {
     const Field& field = fields[i];
     if (dropped(i)) {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -186,24 +187,53 @@ void appendAnyString(std::string& out, std::string_view text) {
   out += '"';
 }
 
+// Appends the members of `object` as ",name:value" (no comma before the
+// first unless `comma`), names through `writeName`, values through
+// `writeValue`, skipping a member named `skip`. Names that differ only in
+// ill-formed UTF-8 read the same once it is repaired: of those, only the
+// first (the object orders names by their bytes) is written, so that no
+// text repeats a member name.
+template <typename WriteName, typename WriteValue>
+bool appendMembers(std::string& out, const Json& object, bool comma,
+                   std::optional<std::string_view> skip, WriteName&& writeName,
+                   WriteValue&& writeValue) {
+  bool repairs = false;
+  for (const auto& [name, member] : object.items()) {
+    if (!utf8::isValid(name)) {
+      repairs = true;
+      break;
+    }
+  }
+  std::set<std::string> written;
+  for (const auto& [name, member] : object.items()) {
+    if (skip && name == *skip) continue;
+    if (repairs && !written.insert(utf8::sanitized(name)).second) continue;
+    if (comma) out += ',';
+    comma = true;
+    writeName(out, name);
+    out += ':';
+    if (!writeValue(out, member)) return false;
+  }
+  return true;
+}
+
+bool appendValue(std::string& out, const Json& value) { return appendJson(out, value); }
+
 // Json::dump(-1) with the replacing handler, byte for byte, written here so
-// that the library carries one JSON writer and not the serializer as well.
+// that the library carries one JSON writer and not the serializer as well
+// (but a name that repairs to one written before is left out, as above).
 void appendDumped(std::string& out, const Json& value) {
   char digits[64];
   switch (value.type()) {
-    case Json::value_t::object: {
+    case Json::value_t::object:
       out += '{';
-      bool first = true;
-      for (const auto& [key, member] : value.items()) {
-        if (!first) out += ',';
-        first = false;
-        appendAnyString(out, key);
-        out += ':';
-        appendDumped(out, member);
-      }
+      appendMembers(out, value, false, std::nullopt, appendAnyString,
+                    [](std::string& text, const Json& member) {
+                      appendDumped(text, member);
+                      return true;
+                    });
       out += '}';
       return;
-    }
     case Json::value_t::array: {
       out += '[';
       bool first = true;
@@ -358,19 +388,12 @@ void appendJsonString(std::string& out, std::string_view text) {
 bool appendJson(std::string& out, const Json& value) {
   char digits[32];
   switch (value.type()) {
-    case Json::value_t::object: {
+    case Json::value_t::object:
       out += '{';
-      bool first = true;
-      for (const auto& [key, member] : value.items()) {
-        if (!first) out += ',';
-        first = false;
-        appendJsonString(out, key);
-        out += ':';
-        if (!appendJson(out, member)) return false;
-      }
+      if (!appendMembers(out, value, false, std::nullopt, appendJsonString, appendValue))
+        return false;
       out += '}';
       return true;
-    }
     case Json::value_t::array: {
       out += '[';
       bool first = true;
@@ -416,13 +439,7 @@ bool appendEventData(std::string& out, const Json& data, std::int64_t timestamp)
   char digits[32];
   out += "{\"timestamp\":";
   out.append(digits, std::to_chars(digits, digits + sizeof digits, timestamp).ptr);
-  for (const auto& [key, member] : data.items()) {
-    if (key == "timestamp") continue;
-    out += ',';
-    appendJsonString(out, key);
-    out += ':';
-    if (!appendJson(out, member)) return false;
-  }
+  if (!appendMembers(out, data, true, "timestamp", appendJsonString, appendValue)) return false;
   out += '}';
   return true;
 }

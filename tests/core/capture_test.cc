@@ -6,6 +6,7 @@
 #include <random>
 
 #include "support/client_fixture.h"
+#include "telvo/envelope.h"
 
 namespace telvo {
 namespace {
@@ -184,6 +185,40 @@ TEST(Capture, FieldsFollowTheCaptureRules) {
   EXPECT_EQ(log.lines().size(), 1u);
 }
 
+TEST(Capture, KeysThatDifferOnlyInIllFormedBytesWriteOneMember) {
+  // "\xFF", "\xFE" and U+FFFD itself all write the name U+FFFD: the key whose
+  // bytes sort first wins on both paths, at every level.
+  VirtualPlatform platform;
+  auto client = initializedClient(platform);
+  platform.clock->setNow(1700000000.0);
+  const Json nested{{"\xFF", 1}, {"\xFE", 2}, {"\xEF\xBF\xBD", 3}};
+  client->sendEvent("flat", {{"\xFF", 1}, {"\xFE", 2}, {"n", nested}, {"\xFF", 4}});
+  client->sendEvent("tree", Json{{"\xFF", 1}, {"\xFE", 2}, {"n", nested}});
+  platform.settle();
+  const auto batch = client->batch();
+  ASSERT_EQ(batch.size(), 2u);
+  EXPECT_EQ(batch[0].data(),
+            "{\"timestamp\":1700000000000,\"\xEF\xBF\xBD\":2,\"n\":{\"\xEF\xBF\xBD\":3}}");
+  EXPECT_EQ(batch[1].data(),
+            "{\"timestamp\":1700000000000,\"n\":{\"\xEF\xBF\xBD\":3},\"\xEF\xBF\xBD\":2}");
+
+  // The same for an error report's details, flat and as a tree.
+  client->sendError(5, {{"\xFF", 1}, {"\xFE", 2}});
+  client->sendError(5, Json{{"\xFF", 1}, {"\xFE", 2}});
+  platform.settle();
+  const auto reports = platform.transport->withContext(3);
+  ASSERT_EQ(reports.size(), 2u);
+  for (const auto& report : reports) {
+    const auto& body = *report.request.HTTPBody;
+    const std::string text =
+        decodeTelvoJsonParameter(
+            std::string_view(reinterpret_cast<const char*>(body.data()), body.size()))
+            .json;
+    EXPECT_NE(text.find("\"\xEF\xBF\xBD\":2"), std::string::npos) << text;
+    EXPECT_EQ(text.find("\"\xEF\xBF\xBD\":1"), std::string::npos) << text;
+  }
+}
+
 // A random field list and, beside it, the Json a host would build from the
 // same braced list.
 struct RandomData {
@@ -193,9 +228,25 @@ struct RandomData {
   Json json = Json::object();
 
   explicit RandomData(std::mt19937_64& random) {
-    static const char* const kKeys[] = {"title",   "timestamp",   "a",  "\xC3\xA9t\xC3\xA9",
-                                        "q\"uote", "line\nbreak", "",   "position",
-                                        "k1",      "k2",          "k3", "\xE2\x82\xAC"};
+    // The last five write the same two names once ill-formed UTF-8 is
+    // replaced by U+FFFD.
+    static const char* const kKeys[] = {"title",
+                                        "timestamp",
+                                        "a",
+                                        "\xC3\xA9t\xC3\xA9",
+                                        "q\"uote",
+                                        "line\nbreak",
+                                        "",
+                                        "position",
+                                        "k1",
+                                        "k2",
+                                        "k3",
+                                        "\xE2\x82\xAC",
+                                        "\xFF",
+                                        "\xFE",
+                                        "\xEF\xBF\xBD",
+                                        "k\xC3",
+                                        "k\xE2\x82"};
     static const char* const kPieces[] = {"a",
                                           " ",
                                           "\"",

@@ -126,6 +126,19 @@ TEST(JsonText, DumpWritesEveryKindOfValueAsTheJsonLibraryDoes) {
   }
 }
 
+TEST(JsonText, NamesThatRepairToTheSameTextAreWrittenOnce) {
+  // The object orders names by their bytes; the first that writes a name wins.
+  const Json value{{"\xFF", 1}, {"\xFE", 2}, {"n", {{"k\xC3", 3}, {"k\xE2\x82", 4}}}};
+  const std::string expected = "{\"n\":{\"k\xEF\xBF\xBD\":3},\"\xEF\xBF\xBD\":2}";
+  EXPECT_EQ(dumpJson(value), expected);
+  std::string written;
+  ASSERT_TRUE(appendJson(written, value));
+  EXPECT_EQ(written, expected);
+  written.clear();
+  ASSERT_TRUE(appendEventData(written, value, 9));
+  EXPECT_EQ(written, "{\"timestamp\":9," + expected.substr(1));
+}
+
 TEST(JsonText, ParseReadsJsonAndRefusesEverythingElse) {
   const Json document = parseJson(
       " {\"a\":1,\"b\":[true,null,-2,18446744073709551615,1.5e1,\"x\\u00e9\\n\"],\"a\":2} ");

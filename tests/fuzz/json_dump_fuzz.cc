@@ -1,11 +1,13 @@
 // The library's JSON writer against nlohmann::json's dump (compact, invalid
 // UTF-8 replaced): values built from the input (strings of any bytes,
 // doubles of any bit pattern, integers, binary values, nesting) write the
-// same text both ways, and strings written by the capture's fast path too.
+// same text both ways (but a member whose name repairs to one before it is
+// written once), and strings written by the capture's fast path too.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "encoding/json_text.h"
@@ -77,12 +79,32 @@ Json build(Reader& in, int depth) {
   }
 }
 
+// The value without the members whose names, once ill-formed UTF-8 is
+// replaced, read as a name before them in the object: the writer leaves
+// them out, so that no text repeats a member name.
+Json firstOfEachName(const Json& value) {
+  if (value.is_array()) {
+    Json out = Json::array();
+    for (const Json& element : value) out.push_back(firstOfEachName(element));
+    return out;
+  }
+  if (!value.is_object()) return value;
+  Json out = Json::object();
+  std::set<std::string> names;
+  for (const auto& [name, member] : value.items()) {
+    const std::string written = Json(name).dump(-1, ' ', false, Json::error_handler_t::replace);
+    if (names.insert(written).second) out[name] = firstOfEachName(member);
+  }
+  return out;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Reader in(data, size);
   const Json value = build(in, 0);
-  const std::string expected = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  const std::string expected =
+      firstOfEachName(value).dump(-1, ' ', false, Json::error_handler_t::replace);
   if (telvo::encoding::dumpJson(value) != expected) std::abort();
   if (value.is_string()) {
     std::string out;
