@@ -41,24 +41,29 @@ constexpr std::array<std::uint8_t, 256> makeByteTable() {
 constexpr std::array<std::uint8_t, 256> kByteTable = makeByteTable();
 
 // Every 12-bit value as its two alphabet characters: one lookup per half group.
+// The 8 KiB table is filled at its first use rather than stored in the
+// library's file, which it would make 8 KiB larger.
 struct CharPairs {
   char pair[4096][2];
 };
-constexpr CharPairs makeCharPairs() {
-  CharPairs table{};
-  for (unsigned v = 0; v < 4096; ++v) {
-    table.pair[v][0] = kAlphabet[v >> 6];
-    table.pair[v][1] = kAlphabet[v & 63];
-  }
+const CharPairs& charPairs() {
+  static const CharPairs table = [] {
+    CharPairs filled;
+    for (unsigned v = 0; v < 4096; ++v) {
+      filled.pair[v][0] = kAlphabet[v >> 6];
+      filled.pair[v][1] = kAlphabet[v & 63];
+    }
+    return filled;
+  }();
   return table;
 }
-constexpr CharPairs kCharPairs = makeCharPairs();
 
-inline std::uint8_t* encodeGroups(const std::uint8_t* in, std::size_t groups, std::uint8_t* out) {
+inline std::uint8_t* encodeGroups(const CharPairs& pairs, const std::uint8_t* in,
+                                  std::size_t groups, std::uint8_t* out) {
   for (std::size_t g = 0; g < groups; ++g, in += 3, out += 4) {
     const std::uint32_t v = (std::uint32_t{in[0]} << 16) | (std::uint32_t{in[1]} << 8) | in[2];
-    std::memcpy(out, kCharPairs.pair[v >> 12], 2);
-    std::memcpy(out + 2, kCharPairs.pair[v & 0xFFF], 2);
+    std::memcpy(out, pairs.pair[v >> 12], 2);
+    std::memcpy(out + 2, pairs.pair[v & 0xFFF], 2);
   }
   return out;
 }
@@ -78,23 +83,24 @@ std::size_t encodedLength(std::size_t length, std::size_t wrapWidth) {
 
 void encodeInto(const std::uint8_t* in, std::size_t length, std::size_t wrapWidth,
                 std::uint8_t* out) {
+  const CharPairs& pairs = charPairs();
   std::size_t groups = length / 3;
   const std::size_t lineWidth = wrapWidth & ~std::size_t{3};
   if (lineWidth == 0) {
-    out = encodeGroups(in, groups, out);
+    out = encodeGroups(pairs, in, groups, out);
     in += groups * 3;
   } else {
     // Counting characters is equivalent to filling whole lines of
     // lineWidth / 4 groups: a line ends exactly when its last group is written.
     const std::size_t groupsPerLine = lineWidth / 4;
     while (groups >= groupsPerLine) {
-      out = encodeGroups(in, groupsPerLine, out);
+      out = encodeGroups(pairs, in, groupsPerLine, out);
       in += groupsPerLine * 3;
       groups -= groupsPerLine;
       *out++ = '\r';
       *out++ = '\n';
     }
-    out = encodeGroups(in, groups, out);
+    out = encodeGroups(pairs, in, groups, out);
     in += groups * 3;
   }
   switch (length % 3) {

@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -27,20 +26,19 @@ constexpr std::size_t kQuadraticLimit = 16;
 // whose bytes sort first, as a Json object built from the same list holds
 // them first, so that both forms of an event write the same members.
 std::vector<bool> repeatedKeys(const Field* fields, std::size_t count, bool repairs) {
-  std::vector<std::size_t> order(count);
-  for (std::size_t i = 0; i < count; ++i) order[i] = i;
-  std::stable_sort(order.begin(), order.end(), [fields](std::size_t a, std::size_t b) {
-    return fields[a].key() < fields[b].key();
-  });
+  std::vector<std::string_view> keys(count);
+  for (std::size_t i = 0; i < count; ++i) keys[i] = fields[i].key();
+  const std::vector<std::size_t> order = sortedOrder(keys);
   std::vector<bool> repeated(count, false);
   if (repairs) {
-    std::set<std::string> written;
-    for (std::size_t i : order)
-      repeated[i] = !written.insert(utf8::sanitized(fields[i].key())).second;
+    std::vector<std::string_view> sorted(count);
+    for (std::size_t k = 0; k < count; ++k) sorted[k] = keys[order[k]];
+    const std::vector<bool> again = repeatsOnceRepaired(sorted);
+    for (std::size_t k = 0; k < count; ++k) repeated[order[k]] = again[k];
     return repeated;
   }
-  for (std::size_t i = 1; i < count; ++i) {
-    if (fields[order[i]].key() == fields[order[i - 1]].key()) repeated[order[i]] = true;
+  for (std::size_t k = 1; k < count; ++k) {
+    if (keys[order[k]] == keys[order[k - 1]]) repeated[order[k]] = true;
   }
   return repeated;
 }

@@ -1,10 +1,10 @@
 #include "encoding/json_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -12,6 +12,30 @@
 
 namespace telvo {
 namespace encoding {
+
+std::vector<std::size_t> sortedOrder(const std::vector<std::string_view>& names) {
+  std::vector<std::size_t> order(names.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(), [&names](std::size_t a, std::size_t b) {
+    return names[a] < names[b] || (names[a] == names[b] && a < b);
+  });
+  return order;
+}
+
+std::vector<bool> repeatsOnceRepaired(const std::vector<std::string_view>& names) {
+  std::vector<std::string> written(names.size());
+  std::vector<std::string_view> views(names.size());
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    written[i] = utf8::sanitized(names[i]);
+    views[i] = written[i];
+  }
+  const std::vector<std::size_t> order = sortedOrder(views);
+  std::vector<bool> repeated(names.size(), false);
+  for (std::size_t k = 1; k < order.size(); ++k) {
+    if (views[order[k]] == views[order[k - 1]]) repeated[order[k]] = true;
+  }
+  return repeated;
+}
 
 bool withinJsonDepth(std::string_view text, std::size_t maxDepth) {
   std::size_t depth = 0;
@@ -197,17 +221,20 @@ template <typename WriteName, typename WriteValue>
 bool appendMembers(std::string& out, const Json& object, bool comma,
                    std::optional<std::string_view> skip, WriteName&& writeName,
                    WriteValue&& writeValue) {
-  bool repairs = false;
+  std::vector<bool> repeated;
   for (const auto& [name, member] : object.items()) {
     if (!utf8::isValid(name)) {
-      repairs = true;
+      std::vector<std::string_view> names;
+      names.reserve(object.size());
+      for (const auto& [each, value] : object.items()) names.emplace_back(each);
+      repeated = repeatsOnceRepaired(names);
       break;
     }
   }
-  std::set<std::string> written;
+  std::size_t i = 0;
   for (const auto& [name, member] : object.items()) {
+    if (!repeated.empty() && repeated[i++]) continue;
     if (skip && name == *skip) continue;
-    if (repairs && !written.insert(utf8::sanitized(name)).second) continue;
     if (comma) out += ',';
     comma = true;
     writeName(out, name);

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "telvo/types.h"
 
@@ -56,6 +57,16 @@ bool truthValue(const Json& value);
 
 // A number read from a JSON number, or from text holding one; 0 otherwise.
 double numberValue(const Json& value);
+
+// The places of `names` ordered by name (bytes compared as unsigned), equal
+// names in their order.
+std::vector<std::size_t> sortedOrder(const std::vector<std::string_view>& names);
+
+// For each of `names`, whether one before it writes the same text once
+// ill-formed UTF-8 is replaced by U+FFFD (as the writers here replace it):
+// a writer keeps only the first of such names, so that no text repeats a
+// member name.
+std::vector<bool> repeatsOnceRepaired(const std::vector<std::string_view>& names);
 
 // True when `text` goes into a JSON string literal as it stands: valid
 // UTF-8 without control characters, quotes or backslashes.
