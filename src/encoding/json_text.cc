@@ -221,18 +221,23 @@ template <typename WriteName, typename WriteValue>
 bool appendMembers(std::string& out, const Json& object, bool comma,
                    std::optional<std::string_view> skip, WriteName&& writeName,
                    WriteValue&& writeValue) {
+  const auto& members = object.get_ref<const Json::object_t&>();
+  // Names are short and almost always ASCII: one look at their bytes
+  // settles it before any UTF-8 check.
   std::vector<bool> repeated;
-  for (const auto& [name, member] : object.items()) {
-    if (!utf8::isValid(name)) {
+  for (const auto& [name, member] : members) {
+    unsigned char high = 0;
+    for (const char c : name) high |= static_cast<unsigned char>(c);
+    if ((high & 0x80) != 0 && !utf8::isValid(name)) {
       std::vector<std::string_view> names;
-      names.reserve(object.size());
-      for (const auto& [each, value] : object.items()) names.emplace_back(each);
+      names.reserve(members.size());
+      for (const auto& each : members) names.emplace_back(each.first);
       repeated = repeatsOnceRepaired(names);
       break;
     }
   }
   std::size_t i = 0;
-  for (const auto& [name, member] : object.items()) {
+  for (const auto& [name, member] : members) {
     if (!repeated.empty() && repeated[i++]) continue;
     if (skip && name == *skip) continue;
     if (comma) out += ',';
