@@ -6,7 +6,8 @@
 // reporting with timer batching every 5 s. Figures and targets:
 //  - library CPU and extra context switches per event at an app's pace
 //    (1,000/s for 3 s, 100/s for 5 s; 8 flat fields), against the same pacing
-//    loop without sending; timer posts in the window count: <= 5 us, <= 0.1.
+//    loop without sending; timer posts in the window and the flush of what
+//    it left count: <= 5 us, <= 0.1.
 //  - idle wake-ups of every thread but this one, over 10 s, per thread:
 //    <= the batch timer's 0.2/s + 0.1/s.
 //  - threads and resident memory of one ready client; one sendEvent timed on
@@ -170,6 +171,7 @@ double mib(long kB) { return kB / 1024.0; }
 struct ThreadSample {
   std::string name;  // "(unnamed)" when it still has the process's name
   long switches = 0;
+  double cpuSeconds = 0;  // on a CPU since it started (schedstat, in ns)
 };
 
 // Every thread of the process but the calling (main) one, by id.
@@ -188,6 +190,9 @@ std::map<int, ThreadSample> otherThreads() {
     if (sample.name == processName) sample.name = "(unnamed)";
     sample.switches = statusField("voluntary_ctxt_switches", base + "/status") +
                       statusField("nonvoluntary_ctxt_switches", base + "/status");
+    double ns = 0;
+    std::ifstream(base + "/schedstat") >> ns;
+    sample.cpuSeconds = ns / 1e9;
   }
   closedir(dir);
   return threads;
@@ -252,22 +257,87 @@ struct PacedFigures {
   int perSecond = 0;
   long events = 0;
   double cpuUsPerEvent = 0, switchesPerEvent = 0, flushAfterUsPerEvent = 0;
+  // The same CPU read where it is spent: the library's threads, and the
+  // caller's time inside its calls (field building included).
+  double directUsPerEvent = 0, threadsUsPerEvent = 0, callsUsPerEvent = 0;
+  // The reference call's CPU at the same pace.
+  double referenceUsPerCall = 0;
 };
 std::map<int, PacedFigures> gPaced;
 
+// CPU time of the calling thread.
+double threadCpu() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+// What one read of threadCpu() adds to a measured interval.
+double threadCpuReadCost() {
+  constexpr int kReads = 10000;
+  const double start = threadCpu();
+  for (int i = 0; i < kReads; ++i) threadCpu();
+  return (threadCpu() - start) / (kReads + 1);
+}
+
+// CPU time of every thread but this one: the library's.
+double otherThreadsCpu() {
+  double seconds = 0;
+  for (const auto& [tid, sample] : otherThreads()) seconds += sample.cpuSeconds;
+  return seconds;
+}
+
+// A reference for what any call costs at an app's pace on this machine: the
+// same eight fields formatted with snprintf into a growing text (about as
+// much work as the library's call when both are warm).
+std::string gReferenceText;
+void referenceCall(long i) {
+  char line[256];
+  const int n = std::snprintf(line, sizeof line,
+                              "{\"title\":\"%s\",\"position\":%ld,\"duration\":%.1f,\"bitrate\":%d,"
+                              "\"cdn\":\"%s\",\"muted\":%s,\"language\":\"%s\",\"profile\":\"%s\"}",
+                              "Big Buck Bunny", i, 5960.5, 4500000, "edge-03.example.net", "false",
+                              "en-GB", "main-1080p");
+  if (gReferenceText.size() > (64u << 10)) gReferenceText.clear();
+  gReferenceText.append(line, static_cast<std::size_t>(n > 0 ? n : 0));
+}
+
+// The reference call back to back, warm: CPU per call.
+double referenceWarmSeconds() {
+  constexpr int kCalls = 100000;
+  const double start = threadCpu();
+  for (int i = 0; i < kCalls; ++i) referenceCall(i);
+  return (threadCpu() - start) / kCalls;
+}
+
+enum class Work { kNothing, kSend, kReference };
+
 // `perSecond` calls for `seconds`, paced on the steady clock; each call sends
-// one event when `client` is given, and nothing otherwise.
-Usage pacedLoop(telvo::Telvo* client, int perSecond, double seconds) {
+// one event (kSend), formats the reference text (kReference) or does
+// nothing. `inCalls` gets the CPU time spent inside the calls.
+Usage pacedLoop(telvo::Telvo& client, Work work, int perSecond, double seconds,
+                double* inCalls = nullptr) {
   const auto period = std::chrono::nanoseconds(1'000'000'000 / perSecond);
   const long calls = static_cast<long>(perSecond * seconds);
+  const double readCost = threadCpuReadCost();
+  double called = 0;
   const Usage before = processUsage();
   auto next = SteadyClock::now();
   for (long i = 0; i < calls; ++i) {
     next += period;
     std::this_thread::sleep_until(next);
-    if (client) telvo::sendRealisticFields(*client, i);
+    if (work == Work::kNothing) continue;
+    const double start = threadCpu();
+    if (work == Work::kSend) {
+      telvo::sendRealisticFields(client, i);
+    } else {
+      referenceCall(i);
+    }
+    called += threadCpu() - start - readCost;
   }
-  return processUsage() - before;
+  const Usage used = processUsage() - before;
+  if (inCalls) *inCalls = called;
+  return used;
 }
 
 // Baseline and sending windows alternate, kRounds of each, and the median
@@ -277,15 +347,26 @@ constexpr int kRounds = 3;
 
 PacedFigures pacedCost(telvo::Telvo& client, int perSecond, double seconds) {
   client.flush(10s);  // nothing left over from earlier work
-  std::vector<double> cpu, switches, rest;
+  std::vector<double> cpu, switches, rest, threads, calls, reference;
   for (int round = 0; round < kRounds; ++round) {
-    const Usage baseline = pacedLoop(nullptr, perSecond, seconds);
-    const Usage sending = pacedLoop(&client, perSecond, seconds);
+    const Usage baseline = pacedLoop(client, Work::kNothing, perSecond, seconds);
+    double inReference = 0;
+    pacedLoop(client, Work::kReference, perSecond, seconds, &inReference);
+    reference.push_back(inReference);
+    const double threadsBefore = otherThreadsCpu();
+    double inCalls = 0;
+    const Usage sending = pacedLoop(client, Work::kSend, perSecond, seconds, &inCalls);
+    // What the window left to deliver counts too: whether the batch timer
+    // fired once or twice in a window moves the window's own figure by a
+    // whole post, so every event's delivery is counted here exactly once.
     const Usage before = processUsage();
-    client.flush(10s);  // what the window left to deliver, shown apart
-    rest.push_back((processUsage() - before).cpuSeconds);
-    cpu.push_back(sending.cpuSeconds - baseline.cpuSeconds);
-    switches.push_back(sending.switches - baseline.switches);
+    client.flush(10s);
+    const Usage flushed = processUsage() - before;
+    rest.push_back(flushed.cpuSeconds);
+    cpu.push_back(sending.cpuSeconds + flushed.cpuSeconds - baseline.cpuSeconds);
+    switches.push_back(sending.switches + flushed.switches - baseline.switches);
+    threads.push_back(otherThreadsCpu() - threadsBefore);
+    calls.push_back(inCalls);
   }
   PacedFigures f;
   f.perSecond = perSecond;
@@ -293,6 +374,10 @@ PacedFigures pacedCost(telvo::Telvo& client, int perSecond, double seconds) {
   f.cpuUsPerEvent = percentile(cpu, 0.5) * 1e6 / f.events;
   f.switchesPerEvent = percentile(switches, 0.5) / f.events;
   f.flushAfterUsPerEvent = percentile(rest, 0.5) * 1e6 / f.events;
+  f.threadsUsPerEvent = percentile(threads, 0.5) * 1e6 / f.events;
+  f.callsUsPerEvent = percentile(calls, 0.5) * 1e6 / f.events;
+  f.directUsPerEvent = f.threadsUsPerEvent + f.callsUsPerEvent;
+  f.referenceUsPerCall = percentile(reference, 0.5) * 1e6 / f.events;
   return f;
 }
 
@@ -476,8 +561,9 @@ void printSummary() {
       "%.1f MiB with a second (+%.1f)\n",
       gStart.rssBeforeMiB, gStart.rssReadyMiB, gStart.rssReadyMiB - gStart.rssBeforeMiB,
       gStart.rssSecondMiB, gStart.rssSecondMiB - gStart.rssReadyMiB);
+  std::printf("  process CPU minus the pacing loop alone (each window's posts included):\n");
   std::printf("  %-7s %7s  %-27s %-27s %s\n", "pace", "events/window", "lib CPU us/event (<= 5)",
-              "switches/event (<= 0.1)", "flush after, us/event");
+              "switches/event (<= 0.1)", "of the CPU: the flush after, us/event");
   for (int rate : {1000, 100}) {
     const PacedFigures& p = gPaced[rate];
     std::printf("  %4d/s %8ld  %8.2f %-7s %5.1fx    %8.3f %-7s %5.1fx    %8.2f\n", rate, p.events,
@@ -485,6 +571,23 @@ void printSummary() {
                 p.switchesPerEvent, verdict(p.switchesPerEvent <= 0.1), p.switchesPerEvent / 0.1,
                 p.flushAfterUsPerEvent);
   }
+  std::printf(
+      "  the same CPU read where it is spent (the difference above carries the noise of the "
+      "pacing loop's own wake-ups), and a reference call (snprintf of the same fields) at the "
+      "same pace:\n");
+  for (int rate : {1000, 100}) {
+    const PacedFigures& p = gPaced[rate];
+    std::printf(
+        "  %4d/s   library threads %.2f + inside the calls %.2f = %.2f us/event (<= 5: %s, "
+        "%.1fx); reference call %.2f us (calls / reference %.1fx)\n",
+        rate, p.threadsUsPerEvent, p.callsUsPerEvent, p.directUsPerEvent,
+        verdict(p.directUsPerEvent <= 5), p.directUsPerEvent / 5, p.referenceUsPerCall,
+        p.callsUsPerEvent / p.referenceUsPerCall);
+  }
+  std::printf(
+      "  (back to back, warm, the reference call takes %.0f ns and sendEvent about the median "
+      "below: a call at 100/s finds the caches cold)\n",
+      referenceWarmSeconds() * 1e9);
   std::printf(
       "  idle wake-ups, every thread but main, over %.1f s: %.2f/s (<= timer 0.20/s + "
       "0.10/s: %s, %.1fx)\n",
