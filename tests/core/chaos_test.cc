@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/curl_platform.h"
 #include "support/https_test_server.h"
 #include "support/launcher.h"
 #include "support/test_platform.h"
@@ -286,14 +287,7 @@ struct Outcome {
 // opened at random moments while sending. Then, the gate open for good,
 // kErrors error reports once the client is ready, and a flush.
 Outcome run(Service& service, bool retry, double downFor, bool flapping) {
-  TelvoTransport::Options transport;
-  transport.caFile = service.caFile();
-  auto defaults = std::make_shared<MemoryUserDefaults>();
-  Platform platform;
-  platform.transport = TelvoTransport::makeCurlTransport(transport, defaults);
-  platform.notificationCenter = std::make_shared<NotificationCenter>();
-  platform.userDefaults = defaults;
-  platform.device = std::make_shared<FixedDevice>();
+  const Platform platform = test::curlPlatform(service.caFile());
   ClientOptions options;
   options.retry = retry;
   options.retryInitialSeconds = 0.05;

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "support/curl_platform.h"
 #include "support/https_test_server.h"
 #include "support/test_platform.h"
 #include "telvo/clock.h"
@@ -77,15 +78,9 @@ TEST(EndToEnd, ClientsTalkToTheServiceOverHttps) {
     });
   }
 
-  TelvoTransport::Options options;
-  options.caFile = server.certificateFile();
-  auto defaults = std::make_shared<MemoryUserDefaults>();
   // The real queues and clock; libcurl against the local server.
-  Platform platform;
-  platform.transport = TelvoTransport::makeCurlTransport(options, defaults);
-  platform.notificationCenter = std::make_shared<NotificationCenter>();
-  platform.userDefaults = defaults;
-  platform.device = std::make_shared<FixedDevice>();
+  const Platform platform = test::curlPlatform(server.certificateFile());
+  const auto defaults = platform.userDefaults;
   auto config = [&] {
     return std::make_shared<TelvoConfig>("linux", "12", "den", "3.0", "Player",
                                          server.url("/config/"));

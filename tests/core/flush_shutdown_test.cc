@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "support/captured_log.h"
+#include "support/curl_platform.h"
 #include "support/launcher.h"
 #include "support/local_service.h"
 #include "support/test_platform.h"
@@ -32,18 +33,12 @@ using SteadyClock = std::chrono::steady_clock;
 
 // A client on its own queues and libcurl transport, initialised.
 struct OwnClient {
-  explicit OwnClient(LocalService& service, const ClientOptions& bounds = {}) {
-    TelvoTransport::Options options;
-    options.caFile = service.caFile();
+  explicit OwnClient(LocalService& service, const ClientOptions& bounds = {})
+      : platform(test::curlPlatform(service.caFile())) {
     platform.mainQueue = std::make_shared<ThreadExecutor>();
     platform.backgroundQueue = std::make_shared<ThreadExecutor>();
-    platform.transport = TelvoTransport::makeCurlTransport(options, defaults);
-    platform.notificationCenter = std::make_shared<NotificationCenter>();
-    platform.userDefaults = defaults;
-    platform.device = std::make_shared<FixedDevice>();
     client = Telvo::create(service.config(), "web", "prod", platform, bounds);
   }
-  std::shared_ptr<MemoryUserDefaults> defaults = std::make_shared<MemoryUserDefaults>();
   Platform platform;
   std::shared_ptr<Telvo> client;
 };
